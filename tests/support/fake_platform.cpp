@@ -1,0 +1,252 @@
+#include "fake_platform.h"
+
+#include "alloc_fail.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <mutex>
+#include <regex>
+#include <sstream>
+#include <unistd.h>
+
+#include <vobrel/logger.h>
+
+namespace {
+
+std::mutex mu;
+std::vector<fake::SyslogLine> g_syslog;
+std::vector<std::string> g_buginf;
+int g_thread_rc = 0;
+int g_thread_calls = 0;
+fake::ThreadCreateCall g_last_thread{};
+vobrel_platform_status_type g_store_status[3] = {VOBREL_PLATFORM_OK, VOBREL_PLATFORM_OK, VOBREL_PLATFORM_OK};
+int g_store_len = 0;
+int g_store_size = 0;
+int g_store_calls = 0;
+std::string g_dir;
+std::string g_store_path;
+void (*g_store_hook)();
+
+// Default size limit: large enough that ordinary tests never wrap.
+constexpr int kDefaultLimit = 4 * 1024 * 1024;
+
+std::string dir_locked()
+{
+    if (g_dir.empty()) {
+        const char *base = getenv("TMPDIR");
+        std::string tmpl = std::string(base && *base ? base : "/tmp") + "/vobrel-test-XXXXXX";
+        std::vector<char> buf(tmpl.begin(), tmpl.end());
+        buf.push_back('\0');
+        if (!mkdtemp(buf.data()))
+            abort();
+        g_dir = buf.data();
+    }
+    return g_dir;
+}
+
+} // namespace
+
+extern "C" {
+
+int vobrel_xos_thread_create(pthread_t *thread_id, const pthread_attr_t *attr, void *(*start_routine)(void *),
+                             void *arg, const char *name, int flags)
+{
+    allocfail::Suspend quiet;
+    int rc;
+    {
+        std::lock_guard<std::mutex> g(mu);
+        ++g_thread_calls;
+        g_last_thread = {attr == nullptr, name ? name : "", flags, arg};
+        rc = g_thread_rc;
+    }
+    if (rc != 0)
+        return rc;
+    return pthread_create(thread_id, attr, start_routine, arg);
+}
+
+void vobrel_xos_thread_exit(void *retval)
+{
+    pthread_exit(retval);
+}
+
+void vobrel_platform_syslog(int severity, const char *line)
+{
+    allocfail::Suspend quiet;
+    std::lock_guard<std::mutex> g(mu);
+    g_syslog.push_back({severity, line});
+}
+
+void vobrel_platform_buginf(const char *text)
+{
+    allocfail::Suspend quiet;
+    std::lock_guard<std::mutex> g(mu);
+    g_buginf.emplace_back(text);
+}
+
+vobrel_platform_status_type vobrel_platform_get_log_store_path(int *path_len, char *path, int *file_size)
+{
+    allocfail::Suspend quiet;
+    void (*hook)();
+    {
+        std::lock_guard<std::mutex> g(mu);
+        hook = g_store_hook;
+    }
+    if (hook)
+        hook();
+    std::lock_guard<std::mutex> g(mu);
+    ++g_store_calls;
+    std::string p = g_store_path.empty() ? dir_locked() + "/vobrel.log" : g_store_path;
+    int call = path ? 2 : 1;
+    if (g_store_status[call] != VOBREL_PLATFORM_OK)
+        return g_store_status[call];
+    if (!path) {
+        *path_len = g_store_len ? g_store_len : static_cast<int>(p.size() + 1);
+        return VOBREL_PLATFORM_OK;
+    }
+    if (*path_len < static_cast<int>(p.size() + 1))
+        return VOBREL_PLATFORM_BAD_ARG;
+    memcpy(path, p.c_str(), p.size() + 1);
+    *file_size = g_store_size ? g_store_size : kDefaultLimit;
+    return VOBREL_PLATFORM_OK;
+}
+
+} // extern "C"
+
+namespace fake {
+
+std::vector<SyslogLine> syslog_lines()
+{
+    std::lock_guard<std::mutex> g(mu);
+    return g_syslog;
+}
+
+std::vector<std::string> buginf_texts()
+{
+    std::lock_guard<std::mutex> g(mu);
+    return g_buginf;
+}
+
+void clear_recordings()
+{
+    std::lock_guard<std::mutex> g(mu);
+    g_syslog.clear();
+    g_buginf.clear();
+}
+
+void set_thread_create_result(int rc)
+{
+    std::lock_guard<std::mutex> g(mu);
+    g_thread_rc = rc;
+}
+
+ThreadCreateCall last_thread_create()
+{
+    std::lock_guard<std::mutex> g(mu);
+    return g_last_thread;
+}
+
+int thread_create_calls()
+{
+    std::lock_guard<std::mutex> g(mu);
+    return g_thread_calls;
+}
+
+void set_log_store_status(int call, vobrel_platform_status_type status)
+{
+    std::lock_guard<std::mutex> g(mu);
+    g_store_status[call == 2 ? 2 : 1] = status;
+}
+
+void set_log_store_len(int len)
+{
+    std::lock_guard<std::mutex> g(mu);
+    g_store_len = len;
+}
+
+void set_log_file_size(int size)
+{
+    std::lock_guard<std::mutex> g(mu);
+    g_store_size = size;
+}
+
+int log_store_calls()
+{
+    std::lock_guard<std::mutex> g(mu);
+    return g_store_calls;
+}
+
+void set_log_store_path(const std::string &path)
+{
+    std::lock_guard<std::mutex> g(mu);
+    g_store_path = path;
+}
+
+void set_log_store_hook(void (*hook)())
+{
+    std::lock_guard<std::mutex> g(mu);
+    g_store_hook = hook;
+}
+
+std::string log_dir()
+{
+    std::lock_guard<std::mutex> g(mu);
+    return dir_locked();
+}
+
+std::string log_path()
+{
+    return log_dir() + "/vobrel.log." + vob_proc_name;
+}
+
+std::string read_log()
+{
+    std::ifstream in(log_path(), std::ios::binary);
+    if (!in)
+        return "";
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+std::vector<LogRecord> log_records()
+{
+    std::string s = read_log();
+    std::vector<LogRecord> out;
+    static const std::regex rec(R"(\n(\d{4}/\d{2}/\d{2}-\d{2}:\d{2}:\d{2})\[(-?\d+)\]\{(\d+)\}:)");
+    auto begin = std::sregex_iterator(s.begin(), s.end(), rec);
+    std::vector<std::smatch> ms(begin, std::sregex_iterator());
+    for (size_t i = 0; i < ms.size(); ++i) {
+        size_t start = static_cast<size_t>(ms[i].position(0) + ms[i].length(0));
+        size_t end = i + 1 < ms.size() ? static_cast<size_t>(ms[i + 1].position(0)) : s.size();
+        std::string msg = s.substr(start, end - start);
+        size_t banner = msg.find("\n[QMT-VER-");
+        if (banner != std::string::npos)
+            msg.resize(banner);
+        out.push_back({ms[i][1].str(), std::stoi(ms[i][2].str()), std::stoi(ms[i][3].str()), msg});
+    }
+    return out;
+}
+
+std::vector<std::string> log_messages()
+{
+    std::vector<std::string> out;
+    for (auto &r : log_records())
+        out.push_back(r.message);
+    return out;
+}
+
+int log_header_pos()
+{
+    std::string s = read_log();
+    return s.size() >= 8 ? atoi(s.substr(0, 8).c_str()) : -1;
+}
+
+int log_header_number()
+{
+    std::string s = read_log();
+    return s.size() >= 16 ? atoi(s.substr(8, 8).c_str()) : -1;
+}
+
+} // namespace fake
