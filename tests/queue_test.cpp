@@ -514,13 +514,13 @@ TEST(QueueLocking, NoOperationAllocates)
 // back, so at the end every element is on exactly one queue, once.
 TEST(QueueLocking, ThreadsMovingElementsKeepEveryElementExactlyOnce)
 {
-    constexpr int kQueues = 4, kElems = 256, kThreads = 4, kRounds = 100000;
+    constexpr int kQueues = 4, kElems = 16, kThreads = 4, kRounds = 100000;
     queuetype qs[kQueues];
     for (auto &q : qs)
         zel_queue_init(&q, 0);
     std::vector<Elem> el(kElems);
     for (int i = 0; i < kElems; ++i) {
-        el[i] = {nullptr, i % 17, i};
+        el[i] = {nullptr, i % 5, i};
         zel_queue_insert_comp(&qs[i % kQueues], &el[i], by_key); // the last queue stays ordered
     }
     std::atomic<int> ready{0};

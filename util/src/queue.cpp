@@ -13,19 +13,6 @@ pthread_mutex_t queue_func_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 } // namespace vobrel
 
-namespace {
-
-// Holds queue_func_mutex for a whole operation body, reports included.
-class QueueLock {
-public:
-    QueueLock() { pthread_mutex_lock(&vobrel::queue_func_mutex); }
-    ~QueueLock() { pthread_mutex_unlock(&vobrel::queue_func_mutex); }
-    QueueLock(const QueueLock &) = delete;
-    QueueLock &operator=(const QueueLock &) = delete;
-};
-
-} // namespace
-
 extern "C" {
 
 const char *const queue_badEnqueueStr = "bad enqueue";

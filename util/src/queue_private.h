@@ -20,6 +20,15 @@ extern pthread_mutex_t queue_func_mutex;
 
 namespace {
 
+// Holds queue_func_mutex for a whole operation body, reports included.
+class QueueLock {
+public:
+    QueueLock() { pthread_mutex_lock(&vobrel::queue_func_mutex); }
+    ~QueueLock() { pthread_mutex_unlock(&vobrel::queue_func_mutex); }
+    QueueLock(const QueueLock &) = delete;
+    QueueLock &operator=(const QueueLock &) = delete;
+};
+
 // The link word of an element, or qhead when `e` is a header standing in for
 // the head's predecessor.
 inline void *&qlink(void *e)
