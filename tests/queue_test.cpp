@@ -524,8 +524,8 @@ TEST(QueueLocking, ThreadsMovingElementsKeepEveryElementExactlyOnce)
         zel_queue_insert_comp(&qs[i % kQueues], &el[i], by_key); // the last queue stays ordered
     }
     std::atomic<int> ready{0};
-    auto worker = [&](unsigned seed) {
-        std::minstd_rand rng(seed);
+    auto worker = [&](unsigned stream) {
+        std::minstd_rand rng(stream);
         ready.fetch_add(1);
         while (ready.load() < kThreads) {
         }
