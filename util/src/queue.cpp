@@ -1,0 +1,199 @@
+// Checked intrusive FIFO queues. The operation bodies live in queue_private.h;
+// here they are wrapped once under queue_func_mutex and once without it.
+#include <vobrel/errmsg.h>
+#include <vobrel/queue.h>
+
+#include <pthread.h>
+
+#include "util/src/queue_private.h"
+
+namespace vobrel {
+
+pthread_mutex_t queue_func_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+} // namespace vobrel
+
+extern "C" {
+
+const char *const queue_badEnqueueStr = "bad enqueue";
+const char *const queue_enqueueStr = "enqueue";
+const char *const queue_dequeueStr = "dequeue";
+const char *const queue_unqueueStr = "unqueue";
+const char *const queue_requeueStr = "requeue";
+const char *const queue_swapqueueStr = "swapqueue";
+
+int zel_queryqueuedepth(const queuetype *q)
+{
+    return q->count;
+}
+
+int zel_queryqueuesize(const queuetype *q)
+{
+    return q->maximum;
+}
+
+void *zel_peekqueuehead(const queuetype *q)
+{
+    return q->qhead;
+}
+
+void *zel_peekqueuetail(const queuetype *q)
+{
+    return q->qtail;
+}
+
+boolean zel_checkqueue(const queuetype *q, const void *e)
+{
+    if (!q)
+        return FALSE;
+    for (void *n = q->qhead; n; n = qlink(n))
+        if (n == e)
+            return TRUE;
+    return FALSE;
+}
+
+boolean zel_queue_init(queuetype *q, int32_t maximum)
+{
+    if (!q || maximum < 0)
+        return FALSE;
+    QueueLock lock;
+    q->qhead = nullptr;
+    q->qtail = nullptr;
+    q->count = 0;
+    q->maximum = maximum;
+    return TRUE;
+}
+
+boolean zel_enqueue(queuetype *qptr, void *eaddr)
+{
+    QueueLock lock;
+    return enqueue_inline(qptr, eaddr, __func__);
+}
+
+boolean zel_requeue(queuetype *qptr, void *eaddr)
+{
+    QueueLock lock;
+    return requeue_inline(qptr, eaddr, __func__);
+}
+
+void *zel_dequeue(queuetype *qptr)
+{
+    QueueLock lock;
+    return dequeue_inline(qptr, __func__);
+}
+
+boolean zel_unqueue(queuetype *q, void *e)
+{
+    QueueLock lock;
+    return unqueue_inline(q, e, __func__);
+}
+
+boolean zel_queue_insert_comp(queuetype *qptr, void *eaddr, queue_compare_func compfunc)
+{
+    QueueLock lock;
+    return queue_insert_comp_inline(qptr, eaddr, compfunc, __func__);
+}
+
+boolean zel_p_enqueue(queuetype *qptr, void *eaddr)
+{
+    return enqueue_inline(qptr, eaddr, __func__);
+}
+
+boolean zel_p_requeue(queuetype *qptr, void *eaddr)
+{
+    return requeue_inline(qptr, eaddr, __func__);
+}
+
+void *zel_p_dequeue(queuetype *qptr)
+{
+    return dequeue_inline(qptr, __func__);
+}
+
+boolean zel_p_unqueue(queuetype *q, void *e)
+{
+    return unqueue_inline(q, e, __func__);
+}
+
+boolean zel_p_swapqueue(queuetype *qptr, void *enew, void *eold)
+{
+    return swapqueue_inline(qptr, enew, eold, __func__);
+}
+
+boolean zel_unqueuenext(queuetype *q, void *prev)
+{
+    void *victim = qlink(prev);
+    if (!victim)
+        return TRUE;
+    queue_unlink_after(q, prev, victim);
+    queue_count_down(q, "p_unqueuenext", __func__);
+    return TRUE;
+}
+
+boolean zel_p_unqueuenext(queuetype *q, void *prev)
+{
+    return zel_unqueuenext(q, prev);
+}
+
+boolean zel_insqueue(queuetype *qptr, void *eaddr, void *paddr)
+{
+    if (!paddr)
+        return zel_requeue(qptr, eaddr);
+    if (queue_linked(qptr, eaddr)) {
+        queue_report(__func__, __LINE__, &msg_SYS_LINKED, "insqueue", eaddr, qptr);
+        return FALSE;
+    }
+    qlink(eaddr) = qlink(paddr);
+    qlink(paddr) = eaddr;
+    if (!qlink(eaddr))
+        qptr->qtail = eaddr;
+    ++qptr->count;
+    return TRUE;
+}
+
+void *zel_remqueue(queuetype *qptr, void *eaddr, void *paddr)
+{
+    if (!paddr && eaddr == qptr->qhead)
+        return zel_dequeue(qptr);
+    if (!paddr || !eaddr || qlink(paddr) != eaddr) {
+        queue_report(__func__, __LINE__, &msg_SYS_LINKED, "remqueue", eaddr, qptr);
+        return nullptr;
+    }
+    queue_unlink_after(qptr, paddr, eaddr);
+    queue_count_down(qptr, "remqueue", __func__);
+    return eaddr;
+}
+
+void *zel_p_check_and_unqueue(queuetype *q, void *e)
+{
+    void *pred = q->qhead ? queue_find_pred(q, e) : nullptr;
+    if (!pred)
+        return nullptr;
+    queue_unlink_after(q, pred, e);
+    if (--q->count < 0 && q->maximum != 0)
+        q->count = 0;
+    return e;
+}
+
+boolean zel_validqueue(const queuetype *qptr, boolean print_message)
+{
+    int32_t n = qptr->count;
+    const void *named = nullptr;
+    bool damaged = n < 0 || (qptr->maximum > 0 && n > qptr->maximum);
+    if (!damaged) {
+        // n never falls below -1, so at most count + 1 elements are visited.
+        for (void *e = qptr->qhead; e; e = qlink(e)) {
+            if (--n == -1) {
+                named = e;
+                break;
+            }
+        }
+        damaged = n != 0;
+    }
+    if (!damaged)
+        return TRUE;
+    if (print_message)
+        queue_report(__func__, __LINE__, &msg_SYS_LINKED, "validqueue", named, qptr);
+    return FALSE;
+}
+
+} // extern "C"
