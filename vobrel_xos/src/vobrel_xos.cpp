@@ -3,10 +3,11 @@
 #include <vobrel/platform.h>
 #include <vobrel/xos.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <pthread.h>
-#include <unistd.h>
 
 extern "C" {
 
@@ -53,7 +54,10 @@ void xos_process_exit(int /*pthread_id*/)
 
 void xos_process_wait_on_system_init(void)
 {
-    sleep(20);
+    // A signal cuts a sleep short; the wait is for the full time regardless.
+    timespec left{20, 0};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
 }
 
 void xos_process_detach(int /*thread_id*/) {}
