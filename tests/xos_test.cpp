@@ -14,35 +14,49 @@
 
 #include <vobrel/xos.h>
 
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
+
 #include "support/alloc_fail.h"
 #include "support/fake_platform.h"
 
 // The tick-rate query and the process-times clock, interposed: the library is
 // linked statically, so these definitions are the ones it calls. Disarmed they
 // answer as the system does.
+// Both run before the sanitizer runtimes are ready (a runtime asks sysconf
+// while starting), so they are not instrumented and use plain atomic builtins.
 extern "C" long libc_sysconf(int name) __asm__("__sysconf");
 
+#define XOS_TEST_NO_SANITIZE __attribute__((no_sanitize("address", "thread", "undefined")))
+
 namespace {
-std::atomic<bool> clk_tck_armed;
-std::atomic<long> clk_tck_answer;
-std::atomic<int> times_calls;
-std::atomic<clock_t> times_next; // each scripted reading adds 137
+bool clk_tck_armed;
+long clk_tck_answer;
+int times_calls;
+clock_t times_next; // each scripted reading adds 137
+
+void arm_clk_tck(bool armed, long answer)
+{
+    __atomic_store_n(&clk_tck_answer, answer, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&clk_tck_armed, armed, __ATOMIC_SEQ_CST);
+}
 } // namespace
 
-extern "C" long sysconf(int name) noexcept
+extern "C" XOS_TEST_NO_SANITIZE long sysconf(int name) noexcept
 {
-    if (name == _SC_CLK_TCK && clk_tck_armed)
-        return clk_tck_answer;
+    if (name == _SC_CLK_TCK && __atomic_load_n(&clk_tck_armed, __ATOMIC_SEQ_CST))
+        return __atomic_load_n(&clk_tck_answer, __ATOMIC_SEQ_CST);
     return libc_sysconf(name);
 }
 
-extern "C" clock_t times(struct tms *buf) noexcept
+extern "C" XOS_TEST_NO_SANITIZE clock_t times(struct tms *buf) noexcept
 {
-    ++times_calls;
-    if (clk_tck_armed)
-        return times_next.fetch_add(137);
+    __atomic_fetch_add(&times_calls, 1, __ATOMIC_SEQ_CST);
+    if (__atomic_load_n(&clk_tck_armed, __ATOMIC_SEQ_CST))
+        return __atomic_fetch_add(&times_next, 137, __ATOMIC_SEQ_CST);
     using times_fn = clock_t (*)(struct tms *);
-    static times_fn real = reinterpret_cast<times_fn>(dlsym(RTLD_NEXT, "times"));
+    auto real = reinterpret_cast<times_fn>(dlsym(RTLD_NEXT, "times"));
     return real(buf);
 }
 
@@ -73,6 +87,9 @@ std::atomic<bool> after_exit;
 
 void *exit_early(void *)
 {
+#if defined(__SANITIZE_ADDRESS__)
+    __lsan_disable(); // the first thread exit loads the unwinder, which the leak check miscounts
+#endif
     xos_process_exit(-42);
     after_exit = true;
     return reinterpret_cast<void *>(1);
@@ -86,35 +103,38 @@ void wait_for(const std::atomic<bool> &flag)
 
 } // namespace
 
-TEST(XosMemory, MallocZeroFillsAndAddsNothing)
+TEST(XosMemory, PlainZeroFilledHeapBlocks)
 {
-    for (int n : {1, 7, 64, 4096, 100000}) {
-        void *p = xos_malloc(const_cast<char *>(__FILE__), __LINE__, n);
+    for (int n : {1, 7, 4096, 100000}) {
+        auto *p = static_cast<unsigned char *>(xos_malloc(const_cast<char *>(__FILE__), __LINE__, n));
         ASSERT_NE(p, nullptr);
-        auto *b = static_cast<unsigned char *>(p);
         for (int i = 0; i < n; ++i)
-            ASSERT_EQ(b[i], 0) << n << ":" << i;
+            ASSERT_EQ(p[i], 0) << n << ":" << i;
         void *q = malloc(static_cast<size_t>(n));
         EXPECT_EQ(malloc_usable_size(p), malloc_usable_size(q)) << "a header or tag was added";
-        free(q);
-        free(p); // blocks go back to the system library directly
+        free(p); // the system library takes the wrappers' blocks back, and the other way round
+        xos_free(nullptr, 0, q);
     }
+    xos_free(nullptr, 0, nullptr);
     EXPECT_EQ(xos_malloc(nullptr, 0, -1), nullptr);
+    const char src[] = "copy me";
+    auto *d = static_cast<char *>(xos_strdup(nullptr, 0, src));
+    EXPECT_STREQ(d, src);
+    EXPECT_NE(d, src);
+    free(d);
 
     allocfail::Guard g;
     allocfail::count_from_now();
-    void *p = xos_malloc(nullptr, 0, 10);
-    EXPECT_EQ(allocfail::count(), 1);
+    xos_free(nullptr, 0, xos_malloc(nullptr, 0, 10));
+    EXPECT_EQ(allocfail::count(), 1); // one call to the allocator, nothing of its own
     allocfail::fail_all();
     EXPECT_EQ(xos_malloc(nullptr, 0, 10), nullptr);
     EXPECT_EQ(xos_strdup(nullptr, 0, "x"), nullptr);
-    allocfail::reset();
-    xos_free(nullptr, 0, p);
 }
 
 TEST(XosMemory, ReallocKeepsContentsAndOldBlockOnFailure)
 {
-    auto *p = static_cast<char *>(malloc(8)); // a system block through the wrappers
+    auto *p = static_cast<char *>(malloc(8));
     memcpy(p, "abcdefg", 8);
     p = static_cast<char *>(xos_realloc(nullptr, 0, p, 5000));
     ASSERT_NE(p, nullptr);
@@ -129,18 +149,6 @@ TEST(XosMemory, ReallocKeepsContentsAndOldBlockOnFailure)
     ASSERT_NE(p, nullptr);
     EXPECT_EQ(memcmp(p, "abc", 3), 0);
     xos_free(nullptr, 0, p);
-    xos_free(nullptr, 0, nullptr);
-}
-
-TEST(XosMemory, StrdupCopiesTheTerminator)
-{
-    const char src[] = "copy me";
-    auto *d = static_cast<char *>(xos_strdup(const_cast<char *>(__FILE__), 1, src));
-    ASSERT_NE(d, nullptr);
-    EXPECT_NE(d, src);
-    EXPECT_STREQ(d, src);
-    EXPECT_EQ(malloc_usable_size(d) >= sizeof src, true);
-    free(d);
 }
 
 TEST(XosProcess, CreatePassesFuncArgvNameNullAndZero)
@@ -192,11 +200,9 @@ TEST(XosProcess, ExitEndsTheCallingThread)
 
 TEST(XosProcess, ControlsWithoutEffect)
 {
-    unsigned char buf[32];
+    unsigned char buf[32], copy[32];
     for (size_t i = 0; i < sizeof buf; ++i)
-        buf[i] = static_cast<unsigned char>(i * 7);
-    unsigned char copy[sizeof buf];
-    memcpy(copy, buf, sizeof buf);
+        buf[i] = copy[i] = static_cast<unsigned char>(i * 7);
     random_fill(buf, sizeof buf, TRUE);
     random_fill(buf, -1, FALSE);
     random_fill(nullptr, 1000, TRUE);
@@ -212,31 +218,28 @@ TEST(XosTimer, TakesTheSystemAnswerAtOnce)
     EXPECT_EQ(zel_timer_ticks_per_second, 0);
     zel_timer_init();
     EXPECT_EQ(zel_timer_ticks_per_second, libc_sysconf(_SC_CLK_TCK));
-    EXPECT_EQ(times_calls, 0);
 
-    clk_tck_armed = true;
-    clk_tck_answer = -1; // a failed query is kept, not measured
     auto start = std::chrono::steady_clock::now();
+    arm_clk_tck(true, -1); // a failed query is kept, not measured
     zel_timer_init();
     EXPECT_EQ(zel_timer_ticks_per_second, -1);
-    clk_tck_answer = 250;
+    arm_clk_tck(true, 250);
     zel_timer_init();
     EXPECT_EQ(zel_timer_ticks_per_second, 250);
+    arm_clk_tck(false, 0);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
-    EXPECT_EQ(times_calls, 0);
-    clk_tck_armed = false;
+    EXPECT_EQ(__atomic_load_n(&times_calls, __ATOMIC_SEQ_CST), 0);
 }
 
 TEST(XosTimer, MeasuresOverOneSecondWhenTheSystemSaysZero)
 {
-    clk_tck_armed = true;
-    clk_tck_answer = 0;
-    times_next = 1000;
+    __atomic_store_n(&times_next, 1000, __ATOMIC_SEQ_CST);
+    arm_clk_tck(true, 0);
     auto start = std::chrono::steady_clock::now();
     zel_timer_init();
     auto took = std::chrono::steady_clock::now() - start;
-    clk_tck_armed = false;
+    arm_clk_tck(false, 0);
     EXPECT_EQ(zel_timer_ticks_per_second, 137); // the difference of two readings
-    EXPECT_EQ(times_calls, 2);
+    EXPECT_EQ(__atomic_load_n(&times_calls, __ATOMIC_SEQ_CST), 2);
     EXPECT_GE(took, std::chrono::milliseconds(990));
 }

@@ -33,7 +33,13 @@ void *xos_strdup(char * /*file*/, int /*line_no*/, const char *ptr)
 {
     if (!ptr)
         return nullptr;
-    return strdup(ptr);
+    // Through malloc itself, so the copy is an ordinary block of the same heap
+    // as every other wrapper's.
+    size_t n = strlen(ptr) + 1;
+    void *copy = malloc(n);
+    if (copy)
+        memcpy(copy, ptr, n);
+    return copy;
 }
 
 int xos_process_create(void *func, const char *name, int /*stack*/, int /*prio*/, int /*argc*/, void *argv)
