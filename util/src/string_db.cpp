@@ -191,14 +191,11 @@ bool sdb_init_memory()
     return true;
 }
 
-// Pushes `s` onto the head of its bucket in `table` and counts the collision.
-// Returns how many records the bucket held before.
-uint32_t push_record(sdb_string **table, uint32_t mask, sdb_string *s)
+// Pushes `s` onto the head of its bucket in `table`, which holds `depth`
+// records, and counts the collision.
+void push_record(sdb_string **table, uint32_t mask, sdb_string *s, uint32_t depth)
 {
     sdb_string **head = &table[s->crc & mask];
-    uint32_t depth = 0;
-    for (const sdb_string *p = *head; p; p = p->next_string)
-        ++depth;
     s->next_string = *head;
     *head = s;
     if (depth) {
@@ -206,7 +203,6 @@ uint32_t push_record(sdb_string **table, uint32_t mask, sdb_string *s)
             sdb_deepest_collision_count = depth;
         ++sdb_total_collision_count;
     }
-    return depth;
 }
 
 // Doubles the table, or keeps it when memory is short. The collision counters
@@ -224,9 +220,13 @@ void grow_table()
     sdb_deepest_collision_count = 0;
     sdb_total_collision_count = 0;
     for (uint32_t i = 0; i < old_size; ++i) {
+        // Old bucket i feeds new buckets i and i + old_size alone, so their
+        // depths are counted here rather than walked.
+        uint32_t depth[2] = {0, 0};
         while (sdb_string *s = old[i]) {
             old[i] = s->next_string;
-            push_record(table, size - 1, s);
+            uint32_t upper = (s->crc & old_size) ? 1 : 0;
+            push_record(table, size - 1, s, depth[upper]++);
         }
     }
     free(old);
@@ -235,10 +235,17 @@ void grow_table()
     sdb_hash_mask = size - 1;
 }
 
-void sdb_enqueue_hash_bucket(sdb_string *s)
+// Where a lookup looked: the hash of the bytes, and on a miss the length of
+// the bucket it walked (the depth at which an insert lands).
+struct Lookup {
+    uint32_t crc;
+    uint32_t depth;
+};
+
+void sdb_enqueue_hash_bucket(sdb_string *s, uint32_t depth)
 {
-    if (push_record(sdb_hash_table, sdb_hash_mask, s) != 0 &&
-        kMaxAverageChain * sdb_hash_table_size < sdb_number_strings)
+    push_record(sdb_hash_table, sdb_hash_mask, s, depth);
+    if (depth != 0 && kMaxAverageChain * sdb_hash_table_size < sdb_number_strings)
         grow_table();
 }
 
@@ -256,16 +263,18 @@ void sdb_dequeue_hash_bucket(sdb_string *s)
         --sdb_total_collision_count;
 }
 
-// The record holding these bytes, or null; `*crc` gets their hash either way.
-sdb_string *sdb_find_string_entry(const char *buf, int len, sdb_string_types type, uint32_t *crc)
+// The record holding these bytes, or null.
+sdb_string *sdb_find_string_entry(const char *buf, int len, sdb_string_types type, Lookup *where)
 {
     bool fold = type == SDB_ASCII_STRING_CASE_INSENSITIVE;
-    uint32_t h = sdb_do_crc(reinterpret_cast<const uchar *>(buf), len, fold);
-    *crc = h;
+    uint32_t crc = sdb_do_crc(reinterpret_cast<const uchar *>(buf), len, fold);
+    where->crc = crc;
+    where->depth = 0;
     if (!sdb_hash_table)
         return nullptr;
-    for (sdb_string *s = sdb_hash_table[h & sdb_hash_mask]; s; s = s->next_string) {
-        if (s->crc != h || s->len != len)
+    for (sdb_string *s = sdb_hash_table[crc & sdb_hash_mask]; s; s = s->next_string) {
+        ++where->depth;
+        if (s->crc != crc || s->len != len)
             continue;
         // Both texts end in a zero byte at `len`, so a bounded comparison
         // answers as the whole texts would, without reading past the caller's.
@@ -411,7 +420,7 @@ void release_owner_id(ushort owner_id)
 }
 
 // A new text record holding a copy of the bytes, counted and in its bucket.
-sdb_string *new_text(const char *buf, int len, sdb_string_types type, uint32_t crc)
+sdb_string *new_text(const char *buf, int len, sdb_string_types type, const Lookup &where)
 {
     size_t area = byte_area(len);
     auto *block = static_cast<char *>(calloc(1, area + sizeof(sdb_string)));
@@ -419,12 +428,12 @@ sdb_string *new_text(const char *buf, int len, sdb_string_types type, uint32_t c
         return nullptr;
     memcpy(block, buf, static_cast<size_t>(len));
     auto *s = reinterpret_cast<sdb_string *>(block + area);
-    s->crc = crc;
+    s->crc = where.crc;
     s->len = static_cast<uint8_t>(len);
     s->string_type = static_cast<uint8_t>(type);
     s->sdb_offset = static_cast<uint16_t>(area);
     ++sdb_number_strings;
-    sdb_enqueue_hash_bucket(s);
+    sdb_enqueue_hash_bucket(s, where.depth);
     return s;
 }
 
@@ -518,13 +527,13 @@ boolean sdb_add_string(const char *buf, int len, sdb_string_types type, sdb_hand
         return FALSE;
     if (!sdb_init_memory())
         return FALSE;
-    uint32_t crc;
-    sdb_string *s = sdb_find_string_entry(buf, len, type, &crc);
+    Lookup where;
+    sdb_string *s = sdb_find_string_entry(buf, len, type, &where);
 
     // 0xFFFF and ids never handed out take an anonymous reference.
     if (owner_id >= sdb_max_users) {
         if (!s) {
-            s = new_text(buf, len, type, crc);
+            s = new_text(buf, len, type, where);
             if (!s) {
                 *handle = 0;
                 return FALSE;
@@ -570,7 +579,7 @@ boolean sdb_add_string(const char *buf, int len, sdb_string_types type, sdb_hand
         }
     }
     if (!s) {
-        s = new_text(buf, len, type, crc);
+        s = new_text(buf, len, type, where);
         if (!s) {
             if (o->unique)
                 sdb_free_owner(o);
@@ -593,8 +602,8 @@ boolean sdb_find_string(const char *buf, int len, sdb_string_types type, int ind
     if (!buf || !context || !valid_len(len) || index < 0)
         return FALSE;
     ++sdb_number_searchs;
-    uint32_t crc;
-    sdb_string *s = sdb_find_string_entry(buf, len, type, &crc);
+    Lookup where;
+    sdb_string *s = sdb_find_string_entry(buf, len, type, &where);
     if (!s)
         return FALSE;
     sdb_owner *o = sdb_find_owner(s, id);
