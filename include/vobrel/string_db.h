@@ -132,7 +132,8 @@ VOBREL_API extern uint32_t sdb_deepest_collision_count;
 VOBREL_API void sdb_initialize_subsystem(void);
 
 /* Registers a component and writes its id (0xFFFF on failure). The lowest free
- * id is reused first. The same name or callback may be registered twice. */
+ * id is reused first, also once all 65535 ids have been handed out. The same
+ * name or callback may be registered twice. */
 VOBREL_API boolean sdb_register_component(char *component_name, sdb_handle (*get_sdb_handle)(void *),
                                           boolean unique, ushort *owner_id);
 /* Frees a registered id; `get_sdb_handle` must be the registered callback. The
@@ -155,9 +156,10 @@ VOBREL_API boolean sdb_remove_string(sdb_handle owner_handle, void *owner_contex
 
 /* An anonymous binary add. */
 VOBREL_API boolean sdb_add_block(const void *buf, int len, sdb_handle *handle);
-/* Makes *handle refer to `buf`: kept when the bytes are equal, otherwise the
- * old reference is released and `buf` added anonymously. A null `buf` releases
- * the old block and fails with a null handle. */
+/* Makes *handle refer to `buf`: kept when the bytes are equal, otherwise `buf`
+ * is added anonymously and then the old reference released. When that add
+ * fails, the old reference and *handle stay as they were. A null `buf`
+ * releases the old block and fails with a null handle. */
 VOBREL_API boolean sdb_set_block(const void *buf, int len, sdb_string_types type, sdb_handle *handle);
 /* sdb_remove_string(handle, NULL). */
 VOBREL_API void sdb_remove_block(sdb_handle handle);

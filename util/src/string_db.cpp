@@ -630,11 +630,12 @@ boolean sdb_find_string(const char *buf, int len, sdb_string_types type, int ind
     }
     *context = object;
 
-    // An owner record implies an id that was handed out.
-    sdb_owner_info *info = &sdb_owner_info_array[id];
-    if (!info->get_sdb_handle || info->get_sdb_handle(object) != h) {
+    // An owner record implies an id that was handed out. The array is indexed
+    // afresh after the callback, which may have registered a component.
+    sdb_handle (*confirm)(void *) = sdb_owner_info_array[id].get_sdb_handle;
+    if (!confirm || confirm(object) != h) {
         sdb_remove_string(h, object);
-        ++info->sanity_check_errors;
+        ++sdb_owner_info_array[id].sanity_check_errors;
         return FALSE;
     }
     return TRUE;
