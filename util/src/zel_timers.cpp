@@ -1,6 +1,8 @@
 // The clock tick rate of the process-times clock.
 #include <vobrel/xos.h>
 
+#include <cerrno>
+#include <ctime>
 #include <sys/times.h>
 #include <unistd.h>
 
@@ -15,7 +17,10 @@ void zel_timer_init(void)
         return; // -1 (no answer) is kept as it is
     struct tms t;
     clock_t before = times(&t);
-    sleep(1);
+    // A signal cuts a sleep short; the count must span a whole second.
+    timespec left{1, 0};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
     clock_t after = times(&t);
     zel_timer_ticks_per_second = static_cast<long>(after - before);
 }

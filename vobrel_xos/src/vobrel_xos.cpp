@@ -3,10 +3,11 @@
 #include <vobrel/platform.h>
 #include <vobrel/xos.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <pthread.h>
-#include <unistd.h>
 
 extern "C" {
 
@@ -32,7 +33,13 @@ void *xos_strdup(char * /*file*/, int /*line_no*/, const char *ptr)
 {
     if (!ptr)
         return nullptr;
-    return strdup(ptr);
+    // Through malloc itself, so the copy is an ordinary block of the same heap
+    // as every other wrapper's.
+    size_t n = strlen(ptr) + 1;
+    void *copy = malloc(n);
+    if (copy)
+        memcpy(copy, ptr, n);
+    return copy;
 }
 
 int xos_process_create(void *func, const char *name, int /*stack*/, int /*prio*/, int /*argc*/, void *argv)
@@ -53,7 +60,10 @@ void xos_process_exit(int /*pthread_id*/)
 
 void xos_process_wait_on_system_init(void)
 {
-    sleep(20);
+    // A signal cuts a sleep short; the wait is for the full time regardless.
+    timespec left{20, 0};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
 }
 
 void xos_process_detach(int /*thread_id*/) {}
