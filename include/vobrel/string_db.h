@@ -132,8 +132,8 @@ VOBREL_API extern uint32_t sdb_deepest_collision_count;
 VOBREL_API void sdb_initialize_subsystem(void);
 
 /* Registers a component and writes its id (0xFFFF on failure). The lowest free
- * id is reused first, also once all 65535 ids have been handed out. The same
- * name or callback may be registered twice. */
+ * id is reused first. Once all 65535 ids have been handed out, registration
+ * fails from then on. The same name or callback may be registered twice. */
 VOBREL_API boolean sdb_register_component(char *component_name, sdb_handle (*get_sdb_handle)(void *),
                                           boolean unique, ushort *owner_id);
 /* Frees a registered id; `get_sdb_handle` must be the registered callback. The

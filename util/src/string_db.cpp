@@ -480,6 +480,10 @@ boolean sdb_register_component(char *component_name, sdb_handle (*get_sdb_handle
     *owner_id = SDB_NO_OWNER;
     if (!sdb_init_memory())
         return FALSE;
+    // Once every id has been handed out, registration is closed for good,
+    // even if some of them have been freed since.
+    if (sdb_max_users == SDB_NO_OWNER)
+        return FALSE;
     ushort id;
     if (free_ids) {
         id = 0;
@@ -487,8 +491,6 @@ boolean sdb_register_component(char *component_name, sdb_handle (*get_sdb_handle
             ++id;
         --free_ids;
     } else {
-        if (sdb_max_users == SDB_NO_OWNER)
-            return FALSE;
         size_t want = (static_cast<size_t>(sdb_max_users) + 1) * sizeof(sdb_owner_info);
         auto *grown = static_cast<sdb_owner_info *>(realloc(sdb_owner_info_array, want));
         if (!grown)
