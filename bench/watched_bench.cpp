@@ -1,0 +1,200 @@
+// Watched primitives beside their baselines, in one run.
+//
+//   Handoff/*: one producer thread hands kItems pointers to one consumer
+//              thread; one iteration is the whole hand-over.
+//       watched:      process_data_enqueue / process_wait_on_queue +
+//                     process_data_dequeue until null
+//       gasyncqueue:  g_async_queue_push / g_async_queue_pop
+//       std_deque:    std::mutex + std::condition_variable + std::deque,
+//                     notify_one on every push
+//   PingPong/*: two threads bounce a turn through two flags; one iteration is
+//              one round trip, so two wake-ups.
+//       watched:      process_set_boolean / process_wait_on_boolean
+//       std_condvar:  the same shape on std::mutex + std::condition_variable
+//
+// Compare each case with its baselines as a ratio of real time.
+#include <benchmark/benchmark.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <thread>
+
+#include <vobrel/watched.h>
+
+#ifdef VOBREL_BENCH_HAVE_GLIB
+#include <glib.h>
+#endif
+
+namespace {
+
+constexpr long kItems = 1000000;
+
+void *item(long i)
+{
+    return reinterpret_cast<void *>(static_cast<uintptr_t>(i + 1));
+}
+
+long value(void *p)
+{
+    return static_cast<long>(reinterpret_cast<uintptr_t>(p)) - 1;
+}
+
+// Runs `consume` on its own thread while this thread runs `produce`, and
+// checks that every item arrived once.
+template <typename Produce, typename Consume> void handoff(benchmark::State &state, Produce produce, Consume consume)
+{
+    for (auto _ : state) {
+        long sum = 0;
+        std::thread consumer([&] { sum = consume(); });
+        produce();
+        consumer.join();
+        if (sum != kItems * (kItems - 1) / 2)
+            state.SkipWithError("items lost or duplicated");
+    }
+    state.SetItemsProcessed(state.iterations() * kItems);
+}
+
+void Handoff_watched(benchmark::State &state)
+{
+    watched_queue *wq = create_watched_queue("bench", 0, 0);
+    handoff(
+        state,
+        [&] {
+            for (long i = 0; i < kItems; ++i)
+                process_data_enqueue(wq, item(i));
+        },
+        [&] {
+            long got = 0, sum = 0;
+            while (got < kItems) {
+                process_wait_on_queue(wq);
+                for (void *p; (p = process_data_dequeue(wq)) != nullptr; ++got)
+                    sum += value(p);
+            }
+            return sum;
+        });
+    delete_watched_queue(&wq);
+}
+
+#ifdef VOBREL_BENCH_HAVE_GLIB
+void Handoff_gasyncqueue(benchmark::State &state)
+{
+    GAsyncQueue *q = g_async_queue_new();
+    handoff(
+        state,
+        [&] {
+            for (long i = 0; i < kItems; ++i)
+                g_async_queue_push(q, item(i));
+        },
+        [&] {
+            long sum = 0;
+            for (long got = 0; got < kItems; ++got)
+                sum += value(g_async_queue_pop(q));
+            return sum;
+        });
+    g_async_queue_unref(q);
+}
+#endif
+
+void Handoff_std_deque(benchmark::State &state)
+{
+    std::mutex m;
+    std::condition_variable cv;
+    std::deque<void *> q;
+    handoff(
+        state,
+        [&] {
+            for (long i = 0; i < kItems; ++i) {
+                {
+                    std::lock_guard<std::mutex> g(m);
+                    q.push_back(item(i));
+                }
+                cv.notify_one();
+            }
+        },
+        [&] {
+            long sum = 0;
+            for (long got = 0; got < kItems; ++got) {
+                std::unique_lock<std::mutex> g(m);
+                cv.wait(g, [&] { return !q.empty(); });
+                sum += value(q.front());
+                q.pop_front();
+            }
+            return sum;
+        });
+}
+
+// The ping-pong: this thread raises `ping` and waits for `pong`; the partner
+// waits for `ping`, clears it and raises `pong`. Each side clears the flag it
+// waited on before raising the other, so no rise is missed.
+template <typename Flag> void ping_pong(benchmark::State &state, Flag &ping, Flag &pong)
+{
+    std::atomic<bool> stop{false};
+    std::thread partner([&] {
+        for (;;) {
+            ping.wait();
+            ping.set(FALSE);
+            if (stop.load())
+                return;
+            pong.set(TRUE);
+        }
+    });
+    for (auto _ : state) {
+        ping.set(TRUE);
+        pong.wait();
+        pong.set(FALSE);
+    }
+    stop = true;
+    ping.set(TRUE);
+    partner.join();
+}
+
+struct WatchedFlag {
+    watched_boolean *wb = create_watched_boolean("bench", 0);
+    ~WatchedFlag() { delete_watched_boolean(&wb); }
+    void set(boolean v) { process_set_boolean(wb, v); }
+    void wait() { process_wait_on_boolean(wb, 0xFFFFFFFFul); }
+};
+
+struct StdFlag {
+    std::mutex m;
+    std::condition_variable cv;
+    boolean value = FALSE;
+    void set(boolean v)
+    {
+        std::lock_guard<std::mutex> g(m);
+        bool rising = !value && v;
+        value = v;
+        if (rising)
+            cv.notify_one();
+    }
+    void wait()
+    {
+        std::unique_lock<std::mutex> g(m);
+        cv.wait(g, [&] { return value != FALSE; });
+    }
+};
+
+void PingPong_watched(benchmark::State &state)
+{
+    WatchedFlag ping, pong;
+    ping_pong(state, ping, pong);
+}
+
+void PingPong_std_condvar(benchmark::State &state)
+{
+    StdFlag ping, pong;
+    ping_pong(state, ping, pong);
+}
+
+} // namespace
+
+BENCHMARK(Handoff_watched)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+#ifdef VOBREL_BENCH_HAVE_GLIB
+BENCHMARK(Handoff_gasyncqueue)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+#endif
+BENCHMARK(Handoff_std_deque)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+BENCHMARK(PingPong_watched)->Unit(benchmark::kMicrosecond)->UseRealTime();
+BENCHMARK(PingPong_std_condvar)->Unit(benchmark::kMicrosecond)->UseRealTime();
