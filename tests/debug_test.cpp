@@ -100,6 +100,28 @@ TEST(StartupLevel, LevelsBelowErrTurnNothingOnButStillPrintEnabled)
               (Texts{enabled(kProc, "crit"), enabled(kIpc, "ALERT"), enabled(kCore, "emergency")}));
 }
 
+TEST(StartupLevel, ThresholdsSitBetweenCritAndErrAndBetweenInfoAndDebug)
+{
+    setenv(kProc, "INFO", 1);
+    setenv(kCore, "EVENT", 1);
+    setenv(kIpc, "Critical", 1);
+    vobrel_debug_get_startup_common();
+    Switches want = kNone;
+    want.errors = want.voba_error = want.ipc_errors = 1;
+    want.core_errors = want.core_events = 1;
+    EXPECT_EQ(now(), want);
+}
+
+TEST(StartupLevel, CoreErrLevelTurnsOnCoreErrorsOnly)
+{
+    setenv(kCore, "errors", 1);
+    setenv(kIpc, "info", 1);
+    vobrel_debug_get_startup_common();
+    Switches want = kNone;
+    want.core_errors = want.ipc_errors = 1;
+    EXPECT_EQ(now(), want);
+}
+
 TEST(StartupLevel, CoreAllStopsShortOfCoreAllUntilTheTableIsRaised)
 {
     setenv(kCore, "all", 1);
