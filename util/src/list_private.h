@@ -1,0 +1,111 @@
+// List internals shared by the list module and its tests: the link primitives
+// and the element allocation of automatic lists, written once.
+#pragma once
+
+#include <vobrel/list.h>
+#include <vobrel/xos.h>
+
+// Allocation size of one header; 0 until zel_memory_list_init. Not exported.
+extern "C" int list_header_chunk;
+
+// Links `element` after `previous`, or at the head when `previous` is null,
+// and counts it on `list`.
+static inline void list_insert_element_inline(list_header *list, list_element *previous, list_element *element)
+{
+    if (previous) {
+        element->prev = previous;
+        element->next = previous->next;
+        previous->next = element;
+    } else {
+        element->next = list->head;
+        list->head = element;
+        element->prev = nullptr;
+    }
+    if (element->next)
+        element->next->prev = element;
+    if (previous == list->tail) // both null on an empty list
+        list->tail = element;
+    list->count++;
+    element->list = list;
+}
+
+// Unlinks `element` from `list`; the count dropped is that of the list the
+// element names. A count already at 0 stays there.
+static inline void list_remove_element_inline(list_header *list, list_element *element)
+{
+    if (element->next)
+        element->next->prev = element->prev;
+    if (element->prev)
+        element->prev->next = element->next;
+    if (list->head == element)
+        list->head = element->next;
+    if (list->tail == element)
+        list->tail = element->prev;
+    element->next = nullptr;
+    element->prev = nullptr;
+    if (element->list && element->list->count)
+        element->list->count--;
+    element->list = nullptr;
+}
+
+// Unlinks `corrupted` from `list` reading only the other elements' links:
+// the predecessor is found walking forward from the head, the successor
+// walking backward from the tail, and each walk stops before it would step
+// onto `corrupted`. FALSE (nothing changed) when `corrupted` is neither the
+// head nor the successor of any element reached from the head.
+static inline bool list_excise_element_inline(list_header *list, list_element *corrupted)
+{
+    list_element *pred = nullptr;
+    if (corrupted != list->head) {
+        for (list_element *p = list->head; p; p = p->next) {
+            if (p->next == corrupted) {
+                pred = p;
+                break;
+            }
+        }
+        if (!pred)
+            return false;
+    }
+    list_element *succ = nullptr;
+    if (corrupted != list->tail) {
+        for (list_element *p = list->tail; p; p = p->prev) {
+            if (p->prev == corrupted) {
+                succ = p;
+                p->prev = pred;
+                break;
+            }
+        }
+    }
+    if (pred)
+        pred->next = succ;
+    if (corrupted == list->head) {
+        list->head = succ;
+        if (corrupted == list->tail)
+            list->tail = pred;
+    } else if (corrupted == list->tail) {
+        list->tail = pred;
+    }
+    if (list->count)
+        list->count--;
+    return true;
+}
+
+// The element an action works with: the one given, or on an automatic list
+// a fresh zero-filled record when none was given (null if that fails, or if
+// the element size is not set up yet).
+static inline list_element *list_malloc_element_inline(list_header *list, list_element *element)
+{
+    if (element || !(list->flags & LIST_FLAGS_AUTOMATIC))
+        return element;
+    if (list_element_chunk < static_cast<int>(sizeof(list_element)))
+        return nullptr;
+    return static_cast<list_element *>(xos_malloc(const_cast<char *>(__FILE__), __LINE__, list_element_chunk));
+}
+
+// An automatic list releases the record its action holds; a plain list
+// never releases anything.
+static inline void list_free_element_inline(list_header *list, list_element *element)
+{
+    if (element && (list->flags & LIST_FLAGS_AUTOMATIC))
+        xos_free(const_cast<char *>(__FILE__), __LINE__, element);
+}
