@@ -74,28 +74,41 @@ inline bool no_randomize(unsigned key)
     return (zel_id_table_flags[key] & ID_MGR_FLAG_NO_RANDOMIZE) != 0;
 }
 
-// A slot is one block: `per` entries, then one in-use bit per entry. A bit is
-// set exactly while its entry is off the free queue.
-inline size_t slot_bytes(uint32_t per)
+// A slot is one block: one in-use byte per entry, counted backwards from the
+// slot pointer, then the entries. A mark is set exactly while its entry is off
+// the free queue. Finding it needs neither the table nor its geometry, and
+// neighbouring entries never share a mark (no read-modify-write chain between
+// consecutive operations, as a bitmap would have).
+inline size_t map_bytes(uint32_t per)
 {
-    return per * sizeof(entry_t) + (per + 7) / 8;
+    return (per + 15) & ~size_t{15}; // keeps the entries aligned
 }
 
-inline uint8_t *in_use_map(entry_t *slot, uint32_t per)
+inline entry_t *slot_alloc(uint32_t per)
 {
-    return reinterpret_cast<uint8_t *>(slot + per);
+    auto *block = static_cast<uint8_t *>(calloc(1, map_bytes(per) + per * sizeof(entry_t)));
+    return block ? reinterpret_cast<entry_t *>(block + map_bytes(per)) : nullptr;
 }
 
-inline bool in_use(entry_t *slot, uint32_t per, uint32_t index)
+inline void slot_free(entry_t *slot, uint32_t per)
 {
-    return (in_use_map(slot, per)[index >> 3] >> (index & 7)) & 1;
+    if (slot)
+        free(reinterpret_cast<uint8_t *>(slot) - map_bytes(per));
 }
 
-inline void set_in_use(entry_t *slot, uint32_t per, uint32_t index, bool on)
+inline uint8_t &in_use_mark(entry_t *slot, uint32_t index)
 {
-    uint8_t &b = in_use_map(slot, per)[index >> 3];
-    const uint8_t bit = static_cast<uint8_t>(1u << (index & 7));
-    b = on ? static_cast<uint8_t>(b | bit) : static_cast<uint8_t>(b & ~bit);
+    return reinterpret_cast<uint8_t *>(slot)[-1 - static_cast<ptrdiff_t>(index)];
+}
+
+inline bool in_use(entry_t *slot, uint32_t index)
+{
+    return in_use_mark(slot, index) != 0;
+}
+
+inline void set_in_use(entry_t *slot, uint32_t index, bool on)
+{
+    in_use_mark(slot, index) = on;
 }
 
 struct Decoded {
@@ -128,7 +141,7 @@ inline bool live(unsigned key, entry_t *slot, const Decoded &d)
     const entry_t &e = slot[d.index];
     if (no_randomize(key))
         return (e.tableSequence & kInUse) != 0;
-    return e.tableSequence == d.seq && in_use(slot, zel_numIDsPerSLot_max[key], d.index);
+    return e.tableSequence == d.seq && in_use(slot, d.index);
 }
 
 void clear_tables_once()
@@ -164,7 +177,7 @@ uint32_t id_assign_ptr(unsigned key, entry_t *slot, uint32_t index, void *p)
 {
     entry_t *e = slot + index;
     e->u.user_p = p;
-    set_in_use(slot, zel_numIDsPerSLot_max[key], index, true);
+    set_in_use(slot, index, true);
     const uint32_t low = static_cast<uint32_t>(e->tableNumber) << 16 | index;
     if (no_randomize(key)) {
         e->tableSequence = static_cast<uint8_t>(e->tableSequence | kInUse);
@@ -179,7 +192,7 @@ uint32_t id_assign_ptr(unsigned key, entry_t *slot, uint32_t index, void *p)
 entry_t *add_slot(unsigned key, uint32_t s, bool random, uint8_t seq, uint32_t skip)
 {
     const uint32_t per = zel_numIDsPerSLot_max[key];
-    auto *slot = static_cast<entry_t *>(calloc(1, slot_bytes(per)));
+    entry_t *slot = slot_alloc(per);
     if (!slot)
         return nullptr;
     for (uint32_t i = 0; i < per; ++i) {
@@ -191,6 +204,36 @@ entry_t *add_slot(unsigned key, uint32_t s, bool random, uint8_t seq, uint32_t s
     }
     zel_g_id_manager_table[key][s] = slot;
     return slot;
+}
+
+// A get on a key without a table: the default table comes into being on its
+// first get, any other key is an error. A table exists only after the first
+// create or get, so the one-time clearing is due only here.
+[[gnu::noinline]] bool first_get(unsigned key)
+{
+    clear_tables_once();
+    if (key != 0) {
+        report_id("zel_id_get", "id_get (unassigned table id)", 0);
+        return false;
+    }
+    return id_manager_module_init(0, 32, 1024, "ID MGR");
+}
+
+// The free queue is empty: allocates the lowest null slot and takes its first
+// entry, or reports and gives null. Kept apart so the common path stays short.
+[[gnu::noinline]] entry_t *grow(unsigned key)
+{
+    entry_t **slots = zel_g_id_manager_table[key];
+    uint32_t s = 0;
+    while (s < zel_numTableSlot_max[key] && slots[s])
+        ++s;
+    if (s < zel_numTableSlot_max[key]) {
+        if (add_slot(key, s, !no_randomize(key), 0, zel_numIDsPerSLot_max[key]))
+            return static_cast<entry_t *>(zel_p_dequeue(&g_free_q[key]));
+        report_text("zel_id_get", &msg_IDMGR_MALLOC_FAILURE, "Malloc failure - id_get");
+    }
+    report_id("zel_id_get", "id_get (Out of IDs! out of slots or memory)", 0);
+    return nullptr;
 }
 
 void *id_to_ptr_internal(idmgr_id_t id, id_mgr_ret *ret_code, id_table_key_t key, bool messages)
@@ -265,7 +308,7 @@ boolean zel_id_table_set_no_randomize(id_table_key_t table_key)
     for (uint32_t s = 0; s < zel_numTableSlot_max[table_key]; ++s) {
         entry_t *slot = zel_g_id_manager_table[table_key][s];
         for (uint32_t i = 0; slot && i < per; ++i)
-            slot[i].tableSequence = in_use(slot, per, i) ? kInUse : 0;
+            slot[i].tableSequence = in_use(slot, i) ? kInUse : 0;
     }
     zel_id_table_flags[table_key] |= ID_MGR_FLAG_NO_RANDOMIZE;
     return TRUE;
@@ -278,32 +321,11 @@ idmgr_id_t zel_id_get(void *p, id_table_key_t table_key)
         report_id(__func__, "id_get (bad table id)", 0);
         return 0;
     }
-    clear_tables_once();
-    if (!zel_g_id_manager_table[key]) {
-        if (key != 0) {
-            report_id(__func__, "id_get (unassigned table id)", 0);
-            return 0;
-        }
-        if (!id_manager_module_init(0, 32, 1024, "ID MGR"))
-            return 0;
-    }
+    if (!zel_g_id_manager_table[key] && !first_get(key))
+        return 0;
     auto *e = static_cast<entry_t *>(zel_p_dequeue(&g_free_q[key]));
-    if (!e) {
-        entry_t **slots = zel_g_id_manager_table[key];
-        uint32_t s = 0;
-        while (s < zel_numTableSlot_max[key] && slots[s])
-            ++s;
-        if (s == zel_numTableSlot_max[key]) {
-            report_id(__func__, "id_get (Out of IDs! out of slots or memory)", 0);
-            return 0;
-        }
-        if (!add_slot(key, s, !no_randomize(key), 0, zel_numIDsPerSLot_max[key])) {
-            report_text(__func__, &msg_IDMGR_MALLOC_FAILURE, "Malloc failure - id_get");
-            report_id(__func__, "id_get (Out of IDs! out of slots or memory)", 0);
-            return 0;
-        }
-        e = static_cast<entry_t *>(zel_p_dequeue(&g_free_q[key]));
-    }
+    if (!e && !(e = grow(key)))
+        return 0;
     entry_t *slot = zel_g_id_manager_table[key][e->tableNumber];
     const uint32_t internal = id_assign_ptr(key, slot, static_cast<uint32_t>(e - slot), p);
     if (internal == 0xFFFFFFFFu) {
@@ -342,7 +364,7 @@ unsigned zel_id_reserve(void *p, const id_table_key_t table_key, idmgr_id_t id_a
         entry_t *e = slot + d.index;
         if (!norand) {
             // The in-use bit spares the walk of the free queue for a taken entry.
-            if (in_use(slot, per, d.index) || !zel_p_check_and_unqueue(&g_free_q[key], e))
+            if (in_use(slot, d.index) || !zel_p_check_and_unqueue(&g_free_q[key], e))
                 return ID_IN_USE;
             e->tableSequence = d.seq;
         } else {
@@ -394,7 +416,7 @@ void zel_id_delete(idmgr_id_t id, id_table_key_t table_key)
     else
         ++e->tableSequence;
     e->u.next = nullptr;
-    set_in_use(slot, zel_numIDsPerSLot_max[key], d.index, false);
+    set_in_use(slot, d.index, false);
     zel_p_enqueue(&g_free_q[key], e);
 }
 
@@ -498,7 +520,7 @@ void zel_id_destroy_table(id_table_key_t table_key)
         zel_p_dequeue(&g_free_q[key]);
     entry_t **slots = zel_g_id_manager_table[key];
     for (uint32_t s = 0; s < zel_numTableSlot_max[key]; ++s)
-        free(slots[s]);
+        slot_free(slots[s], zel_numIDsPerSLot_max[key]);
     free(slots);
     zel_g_id_manager_table[key] = nullptr;
     zel_numTableSlot_max[key] = 0;
