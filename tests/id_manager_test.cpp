@@ -141,6 +141,8 @@ TEST(IdManager, WrapAroundGrowthAndReserveInEveryBranch)
     EXPECT_EQ(zel_id_get(&v[2], w), 0u);
     EXPECT_EQ(lines(), Lines{inv("id_get (Out of IDs! Wrap around.)", 0)});
     EXPECT_EQ(zel_id_get(&v[3], w) & 0xFFFFFF, 1u); // that entry stays off the queue
+    ASSERT_TRUE(zel_id_table_set_no_randomize(w));   // and out of use
+    EXPECT_EQ(lookup(make_id(0, 255, 0xFFFF), w, ID_MGR_RET_RETIRED), nullptr);
 
     id_table_key_t r = zel_id_create_new_table(4, 4, nullptr), n = norand(4, 4);
     zel_numTableSlot_max[98] = zel_numIDsPerSLot_max[98] = 4; // limits without a slot array

@@ -19,19 +19,23 @@
  * and the table can be walked; a deleted identifier is retired only until its
  * entry is handed out again.
  *
- * Beside the entries, every slot carries one in-use bit per entry, allocated
- * in the same block right behind the slot's last entry. It is set exactly
- * while the entry is off the free queue, which settles the following:
+ * Beside the entries, every slot carries one in-use byte per entry, allocated
+ * in the same block just in front of the slot's first entry (the slot pointer
+ * points at the entries). It is set exactly while the entry is off the free
+ * queue, and settles the following:
  *  - A randomized table tells a free entry from a used one in constant time.
  *    An identifier that matches a free entry's next sequence (one never
  *    handed out, or a stale one that came round again) is retired: the lookup
  *    gives null and ID_MGR_RET_RETIRED, never the entry's queue link, and the
  *    delete does nothing, so an entry is never queued twice.
  *  - Switching a table to no-randomize after it has slots rewrites every
- *    sequence byte from those bits: entries in use get bit 7, free ones 0.
+ *    sequence byte from those marks: entries in use get bit 7, free ones 0.
  *    Identifiers handed out before keep working (a no-randomize table ignores
  *    the top byte of an identifier); a walk reports them without it. Switching
  *    a table that is already no-randomize changes nothing.
+ *  - The entry that zel_id_get refuses because its identifier would be 0 is
+ *    marked withdrawn: it stays out of use until the table is destroyed,
+ *    also after a switch to no-randomize.
  * A walk from an identifier whose index is not below the table's entries per
  * slot treats it as the end of its slot: the walk starts in the next slot and
  * ends after scanning the whole of that slot. No walk reads past a slot's end.
@@ -119,9 +123,11 @@ VOBREL_API void *zel_id_to_ptr(idmgr_id_t id, id_mgr_ret *ret_code, id_table_key
  * deleted, stale, never handed out) is ignored. */
 VOBREL_API void zel_id_delete(idmgr_id_t id, id_table_key_t table_key);
 
-/* Walks a no-randomize table: the first identifier in use after `id` (from the
- * start for `id` 0), wrapping round the table's end, stopping before `id`
- * itself. On a find: its pointer, `*next_id` and `*ret_code` = ID_MGR_RET_OK.
+/* Walks a no-randomize table: the first identifier in use after `id`, wrapping
+ * round the table's end and stopping before `id` itself. From 0 the walk
+ * starts at the table's first entry and stops before its last one (a one-slot
+ * table is scanned whole). On a find: its pointer, `*next_id` and `*ret_code` =
+ * ID_MGR_RET_OK.
  * On none: null, `*next_id` and `*ret_code` untouched. `*wrapped` tells whether
  * the walk passed the table's end. A randomized or missing table: null,
  * `*ret_code` = ID_MGR_RET_ERROR, the others untouched. A caller walking the

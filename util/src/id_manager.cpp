@@ -74,9 +74,9 @@ inline bool no_randomize(unsigned key)
     return (zel_id_table_flags[key] & ID_MGR_FLAG_NO_RANDOMIZE) != 0;
 }
 
-// A slot is one block: one in-use byte per entry, counted backwards from the
-// slot pointer, then the entries. A mark is set exactly while its entry is off
-// the free queue. Finding it needs neither the table nor its geometry, and
+// A slot is one block: one mark byte per entry, counted backwards from the
+// slot pointer, then the entries. A mark is kFree exactly while its entry is
+// on the free queue. Finding it needs neither the table nor its geometry, and
 // neighbouring entries never share a mark (no read-modify-write chain between
 // consecutive operations, as a bitmap would have).
 inline size_t map_bytes(uint32_t per)
@@ -96,19 +96,13 @@ inline void slot_free(entry_t *slot, uint32_t per)
         free(reinterpret_cast<uint8_t *>(slot) - map_bytes(per));
 }
 
-inline uint8_t &in_use_mark(entry_t *slot, uint32_t index)
+// On the free queue, handed out, or kept out of use for good (the entry whose
+// identifier would be 0).
+enum Mark : uint8_t { kFree, kTaken, kWithdrawn };
+
+inline uint8_t &mark(entry_t *slot, uint32_t index)
 {
     return reinterpret_cast<uint8_t *>(slot)[-1 - static_cast<ptrdiff_t>(index)];
-}
-
-inline bool in_use(entry_t *slot, uint32_t index)
-{
-    return in_use_mark(slot, index) != 0;
-}
-
-inline void set_in_use(entry_t *slot, uint32_t index, bool on)
-{
-    in_use_mark(slot, index) = on;
 }
 
 struct Decoded {
@@ -135,13 +129,13 @@ inline entry_t *locate(unsigned key, const Decoded &d)
 }
 
 // The identifier names an entry in use: bit 7 in a no-randomize table; the
-// in-use bit and a matching sequence in a randomized one.
+// kTaken mark and a matching sequence in a randomized one.
 inline bool live(unsigned key, entry_t *slot, const Decoded &d)
 {
     const entry_t &e = slot[d.index];
     if (no_randomize(key))
         return (e.tableSequence & kInUse) != 0;
-    return e.tableSequence == d.seq && in_use(slot, d.index);
+    return e.tableSequence == d.seq && mark(slot, d.index) == kTaken;
 }
 
 void clear_tables_once()
@@ -177,7 +171,7 @@ uint32_t id_assign_ptr(unsigned key, entry_t *slot, uint32_t index, void *p)
 {
     entry_t *e = slot + index;
     e->u.user_p = p;
-    set_in_use(slot, index, true);
+    mark(slot, index) = kTaken;
     const uint32_t low = static_cast<uint32_t>(e->tableNumber) << 16 | index;
     if (no_randomize(key)) {
         e->tableSequence = static_cast<uint8_t>(e->tableSequence | kInUse);
@@ -303,12 +297,12 @@ boolean zel_id_table_set_no_randomize(id_table_key_t table_key)
     if (no_randomize(table_key))
         return TRUE;
     // Sequence bytes mean something else from now on: re-derive them from the
-    // in-use bits so that free entries read as free.
+    // marks so that only entries handed out read as in use.
     const uint32_t per = zel_numIDsPerSLot_max[table_key];
     for (uint32_t s = 0; s < zel_numTableSlot_max[table_key]; ++s) {
         entry_t *slot = zel_g_id_manager_table[table_key][s];
         for (uint32_t i = 0; slot && i < per; ++i)
-            slot[i].tableSequence = in_use(slot, i) ? kInUse : 0;
+            slot[i].tableSequence = mark(slot, i) == kTaken ? kInUse : 0;
     }
     zel_id_table_flags[table_key] |= ID_MGR_FLAG_NO_RANDOMIZE;
     return TRUE;
@@ -329,7 +323,7 @@ idmgr_id_t zel_id_get(void *p, id_table_key_t table_key)
     entry_t *slot = zel_g_id_manager_table[key][e->tableNumber];
     const uint32_t internal = id_assign_ptr(key, slot, static_cast<uint32_t>(e - slot), p);
     if (internal == 0xFFFFFFFFu) {
-        // The one entry whose identifier would be 0 stays out of use for good.
+        mark(slot, internal & 0xFFFF) = kWithdrawn;
         report_id(__func__, "id_get (Out of IDs! Wrap around.)", 0);
         return 0;
     }
@@ -363,8 +357,8 @@ unsigned zel_id_reserve(void *p, const id_table_key_t table_key, idmgr_id_t id_a
     if (slot) {
         entry_t *e = slot + d.index;
         if (!norand) {
-            // The in-use bit spares the walk of the free queue for a taken entry.
-            if (in_use(slot, d.index) || !zel_p_check_and_unqueue(&g_free_q[key], e))
+            // The mark spares the walk of the free queue for a taken entry.
+            if (mark(slot, d.index) != kFree || !zel_p_check_and_unqueue(&g_free_q[key], e))
                 return ID_IN_USE;
             e->tableSequence = d.seq;
         } else {
@@ -416,7 +410,7 @@ void zel_id_delete(idmgr_id_t id, id_table_key_t table_key)
     else
         ++e->tableSequence;
     e->u.next = nullptr;
-    set_in_use(slot, d.index, false);
+    mark(slot, d.index) = kFree;
     zel_p_enqueue(&g_free_q[key], e);
 }
 
