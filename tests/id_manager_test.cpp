@@ -1,0 +1,283 @@
+// ID manager: identifier layout, retirement, reuse order, growth, reserve,
+// no-randomize walks, allocation failure, stale identifiers and reports.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <vobrel/id_manager.h>
+
+#include "support/alloc_fail.h"
+#include "support/fake_platform.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+using Pair = std::pair<unsigned, unsigned>;
+int v[8];
+
+// The system-log lines since the last call.
+Lines lines()
+{
+    Lines out;
+    for (const auto &l : fake::syslog_lines())
+        out.push_back(l.line);
+    fake::clear_recordings();
+    return out;
+}
+
+std::string inv(const char *what, unsigned id)
+{
+    char b[128];
+    snprintf(b, sizeof b, "%%IDMGR-3-INVALID_ID:bad id in %s (id: 0x%X)", what, id);
+    return b;
+}
+
+const std::string malloc_init = "%IDMGR-3-MALLOC_FAILURE:Malloc failure - id_manager_module_init";
+
+constexpr idmgr_id_t make_id(unsigned seq, unsigned slot, unsigned index)
+{
+    return (seq << 24 | slot << 16 | index) + 1;
+}
+
+uint8_t &seq_of(id_table_key_t key, unsigned slot, unsigned index)
+{
+    return zel_g_id_manager_table[key][slot][index].tableSequence;
+}
+
+void *lookup(idmgr_id_t id, id_table_key_t key, id_mgr_ret want)
+{
+    id_mgr_ret rc = ID_MGR_RET_ERROR;
+    void *p = zel_id_to_ptr(id, &rc, key);
+    EXPECT_EQ(rc, want) << std::hex << id;
+    return p;
+}
+
+id_table_key_t norand(unsigned slots, unsigned per)
+{
+    id_table_key_t k = zel_id_create_new_table(slots, per, const_cast<char *>("test"));
+    EXPECT_TRUE(zel_id_table_set_no_randomize(k));
+    return k;
+}
+
+// {from, result, next, wrapped}: next and the code stay untouched when nothing is found.
+using Step = std::tuple<idmgr_id_t, void *, idmgr_id_t, bool>;
+using WalkFn = decltype(&zel_id_get_next_id_ptr);
+void walk(id_table_key_t key, const std::vector<Step> &steps, WalkFn fn = zel_id_get_next_id_ptr)
+{
+    for (const auto &[from, p, want_next, want_wrapped] : steps) {
+        idmgr_id_t next = 0xDEAD;
+        id_mgr_ret rc = ID_MGR_RET_RETIRED;
+        boolean wrapped = 7;
+        void *got = fn(from, &next, &rc, key, &wrapped);
+        const auto want = std::tuple(p, p ? want_next : 0xDEAD, p ? ID_MGR_RET_OK : ID_MGR_RET_RETIRED, want_wrapped);
+        EXPECT_EQ(std::tuple(got, next, rc, wrapped), want) << std::hex << from;
+    }
+}
+
+} // namespace
+
+TEST(IdManager, LayoutRetirementReuseOrderAndKeys)
+{
+    srand(7);
+    EXPECT_EQ(zel_id_get(&v[0], 0) & 0xFFFFFF, 1u); // makes the default table, 32 slots of 1024
+    EXPECT_EQ(Pair(zel_numTableSlot_max[0], zel_numIDsPerSLot_max[0]), Pair(32, 1024));
+    EXPECT_NE(Pair(seq_of(0, 0, 1), seq_of(0, 0, 2)), Pair(seq_of(0, 0, 0), seq_of(0, 0, 0))); // drawn per entry
+
+    id_table_key_t k = zel_id_create_new_table(1, 3, const_cast<char *>("t"));
+    idmgr_id_t a = zel_id_get(&v[0], k), b = zel_id_get(&v[1], k), c = zel_id_get(&v[2], k);
+    zel_id_delete(a, k);
+    zel_id_delete(a, k); // silent, changes nothing
+    zel_id_delete(c, k);
+    idmgr_id_t a2 = zel_id_get(&v[3], k), c2 = zel_id_get(&v[4], k);
+    EXPECT_EQ(Pair(a2, c2), Pair(make_id((a >> 24) + 1, 0, 0), make_id((c >> 24) + 1, 0, 2)));
+    EXPECT_EQ(lookup(a, k, ID_MGR_RET_RETIRED), nullptr);
+    EXPECT_EQ(lookup(a2, k, ID_MGR_RET_OK), &v[3]);
+    EXPECT_EQ(lookup(b, k, ID_MGR_RET_OK), &v[1]);
+    EXPECT_EQ(zel_id_get(&v[5], k), 0u);
+    EXPECT_EQ(lines(), Lines{inv("id_get (Out of IDs! out of slots or memory)", 0)});
+
+    id_table_key_t n = norand(2, 3);
+    for (idmgr_id_t want : {1u, 2u, 3u, 0x00010001u})
+        EXPECT_EQ(zel_id_get(&v[1], n), want);
+    id_table_key_t m = norand(1, 2);
+    EXPECT_EQ(zel_id_get(&v[0], m), 1u);
+    for (int i = 0; i < 200; ++i)
+        zel_id_delete(zel_id_get(&v[1], m), m);
+    EXPECT_EQ(seq_of(m, 0, 1), 200 % 128); // identifier 2 every time, left free with bit 7 clear
+    EXPECT_EQ(lookup(2, m, ID_MGR_RET_RETIRED), nullptr);
+    EXPECT_TRUE(lines().empty());
+    for (id_table_key_t t : {id_table_key_t{0}, k, n, m})
+        zel_id_destroy_table(t);
+
+    // A random start of 0 moves on to 1; one of 127 wraps round to 1 when taken.
+    for (auto [start, key] : {Pair{0, 1}, Pair{127, 127}, Pair{127, 2}}) {
+        unsigned s = 0;
+        while (srand(++s), static_cast<unsigned>(rand() & 0x7F) != start)
+            continue;
+        srand(s);
+        EXPECT_EQ(zel_id_create_new_table(1, 2, nullptr), key) << start;
+    }
+    for (int i = 0; i < 124; ++i)
+        ASSERT_NE(zel_id_create_new_table(1, 2, const_cast<char *>("owner")), 0xFFFF);
+    EXPECT_EQ(zel_id_create_new_table(1, 2, nullptr), 0xFFFF);
+    EXPECT_EQ(lines(), Lines{inv("id_create_new_table (no more entry)", 0)});
+    zel_id_destroy_table(40);
+    EXPECT_EQ(Pair(zel_numTableSlot_max[40], zel_numIDsPerSLot_max[40]), Pair(0, 0));
+    EXPECT_EQ(zel_id_create_new_table(1, 2, nullptr), 40);
+}
+
+TEST(IdManager, WrapAroundGrowthAndReserveInEveryBranch)
+{
+    // Slot 255, index 65535 with sequence 0xFF would give identifier 0.
+    id_table_key_t w = zel_id_create_new_table(256, 65536, nullptr); // the largest geometry
+    ASSERT_EQ(zel_id_reserve(&v[0], w, make_id(0xFF, 255, 0)), unsigned{ID_MGR_RET_OK});
+    for (unsigned i = 1; i < 65535; ++i)
+        ASSERT_EQ(zel_id_get(&v[1], w), make_id(0xFF, 255, i));
+    EXPECT_EQ(zel_id_get(&v[2], w), 0u);
+    EXPECT_EQ(lines(), Lines{inv("id_get (Out of IDs! Wrap around.)", 0)});
+    EXPECT_EQ(zel_id_get(&v[3], w) & 0xFFFFFF, 1u); // that entry stays off the queue
+    ASSERT_TRUE(zel_id_table_set_no_randomize(w));   // and out of use
+    EXPECT_EQ(lookup(make_id(0, 255, 0xFFFF), w, ID_MGR_RET_RETIRED), nullptr);
+
+    id_table_key_t r = zel_id_create_new_table(4, 4, nullptr), n = norand(4, 4);
+    zel_numTableSlot_max[98] = zel_numIDsPerSLot_max[98] = 4; // limits without a slot array
+    idmgr_id_t first = zel_id_get(&v[0], r);
+    using Case = std::tuple<id_table_key_t, idmgr_id_t, unsigned, std::string>;
+    for (const auto &[key, id, want, report] : std::vector<Case>{
+             {r, 0, ID_MGR_INVALID_ID, inv("id_reserve (bad id)", 0)},
+             {128, 1, ID_MGR_INVALID_ID, inv("id_reserve (bad id)", 1)},
+             {r, make_id(0, 4, 0), ID_MGR_INVALID_ID, inv("id_reserve", make_id(0, 4, 0))},
+             {r, make_id(0, 0, 4), ID_MGR_INVALID_ID, inv("id_reserve", make_id(0, 0, 4))},
+             {99, 1, ID_MGR_INVALID_ID, inv("id_reserve", 1)},
+             {98, 1, ID_MGR_UNINITIALIZED, inv("id_reserve (unassigned table id)", 1)},
+             {n, make_id(1, 0, 0), ID_MGR_INVALID_ID, inv("id_reserve: ID Out of Range.", make_id(1, 0, 0))},
+             {r, first, ID_IN_USE, ""},
+             {r, make_id(0x42, 0, 2), ID_MGR_RET_OK, ""},
+             {r, make_id(0x43, 0, 2), ID_IN_USE, ""},
+             {r, make_id(0x77, 2, 1), ID_MGR_RET_OK, ""},
+             {n, 3, ID_MGR_RET_OK, ""},
+             {n, 3, ID_IN_USE, ""}}) {
+        EXPECT_EQ(zel_id_reserve(&v[1], key, id), want) << std::hex << id;
+        EXPECT_EQ(lines(), report.empty() ? Lines{} : Lines{report}) << std::hex << id;
+    }
+    EXPECT_EQ(lookup(make_id(0x42, 0, 2), r, ID_MGR_RET_OK), &v[1]);
+    // The new slot's entries carry the requested sequence and queue up behind
+    // the free entries of slot 0, in index order; then growth takes the lowest null slot.
+    EXPECT_EQ(seq_of(r, 2, 3), 0x77);
+    for (unsigned want : {0x00001, 0x00003, 0x20000, 0x20002, 0x20003, 0x10000})
+        EXPECT_EQ((zel_id_get(&v[2], r) - 1) & 0xFFFFFF, want);
+    seq_of(n, 0, 2) = 0; // an entry whose mark disagrees with the queue
+    EXPECT_EQ(zel_id_reserve(&v[1], n, 3), unsigned{ID_IN_USE});
+    EXPECT_EQ(lines().back(), "%IDMGR-3-ID_MANAGER_INTERNAL_ERROR:ID is not in use, but not in free Q!");
+}
+
+TEST(IdManager, WalksAndSwitchingToNoRandomize)
+{
+    id_table_key_t k = norand(4, 8);
+    const idmgr_id_t a = make_id(0, 0, 3), b = make_id(0, 2, 7);
+    zel_id_reserve(&v[0], k, a);
+    zel_id_reserve(&v[1], k, b);
+    walk(k, {{0, &v[0], a, false},
+             {a, &v[1], b, false},
+             {b, &v[0], a, true},
+             {make_id(0, 1, 9), &v[1], b, false}, // an index past the slot: from the next slot
+             {make_id(0, 9, 0), &v[0], a, true}}); // a slot past the table: from the start
+    walk(k, {{b, &v[1], b, false}, {make_id(0, 2, 6), &v[1], b, false}}, zel_id_get_this_or_next);
+    zel_id_delete(b, k);
+    walk(k, {{a, nullptr, 0, true}});
+    zel_id_delete(a, k);
+    walk(k, {{make_id(0, 2, 0xFFFF), nullptr, 0, true}}); // scans slot 2 to its end, no further
+    id_table_key_t one = norand(1, 4);                     // from its last entry: the whole slot
+    zel_id_reserve(&v[2], one, 4);
+    walk(one, {{4, &v[2], 4, true}, {0, &v[2], 4, false}});
+
+    // Switched after use: live identifiers still resolve, free entries stay free.
+    id_table_key_t r = zel_id_create_new_table(1, 4, nullptr);
+    idmgr_id_t x = zel_id_get(&v[3], r), y = zel_id_get(&v[4], r);
+    walk(r, {{x, &v[3], x, false}}, zel_id_get_this_or_next); // in any table
+    zel_id_delete(x, r);
+    ASSERT_TRUE(zel_id_table_set_no_randomize(r));
+    walk(r, {{0, &v[4], 2, false}, {y, &v[4], y, false}}, zel_id_get_this_or_next);
+    for (idmgr_id_t want : {3u, 4u, 1u})
+        EXPECT_EQ(zel_id_get(&v[5], r), want);
+}
+
+TEST(IdManager, AllocationFailureLeavesTablesUsable)
+{
+    id_table_key_t k = zel_id_create_new_table(2, 2, nullptr);
+    allocfail::Guard g; // each time the first allocation fails: the slot, or the slot array
+    allocfail::fail_nth(0);
+    EXPECT_EQ(zel_id_get(&v[2], k), 0u);
+    allocfail::fail_nth(0);
+    EXPECT_EQ(zel_id_reserve(&v[2], k, make_id(0, 1, 0)), unsigned{ID_MGR_RET_ERROR});
+    allocfail::fail_nth(0);
+    EXPECT_EQ(zel_id_create_new_table(1, 2, nullptr), 0xFFFF);
+    allocfail::fail_nth(0);
+    EXPECT_EQ(zel_id_get(&v[2], 0), 0u);
+    EXPECT_EQ(lines(), (Lines{"%IDMGR-3-MALLOC_FAILURE:Malloc failure - id_get",
+                              inv("id_get (Out of IDs! out of slots or memory)", 0),
+                              "%IDMGR-3-MALLOC_FAILURE:Malloc failure - id_reserve", malloc_init, malloc_init}));
+    EXPECT_EQ(Pair(zel_g_id_manager_table[0] == nullptr, zel_g_id_manager_table[k][1] == nullptr), Pair(1, 1));
+    EXPECT_EQ(zel_id_get(&v[2], k) & 0xFFFFFF, 1u); // slot 0 after all
+
+    allocfail::count_from_now(); // the owner name's copy, where strdup reaches the interposer
+    char *volatile copy = strdup("x"); // volatile: the call must really happen
+    free(copy);
+    const bool strdup_seen = allocfail::count() > 0;
+    allocfail::fail_nth(1);
+    EXPECT_EQ(zel_id_create_new_table(1, 2, const_cast<char *>("owner")) == 0xFFFF, strdup_seen);
+    allocfail::reset();
+    EXPECT_EQ(lines(), strdup_seen ? Lines{malloc_init} : Lines{});
+}
+
+TEST(IdManager, StaleNeverIssuedAndMisusedIdentifiers)
+{
+    srand(11);
+    id_table_key_t k = zel_id_create_new_table(3, 4, nullptr);
+    idmgr_id_t a = zel_id_get(&v[0], k);
+    const idmgr_id_t ghost = make_id(seq_of(k, 0, 1), 0, 1); // free entry 1's next identifier
+    EXPECT_EQ(lookup(ghost, k, ID_MGR_RET_RETIRED), nullptr);
+    zel_id_delete(ghost, k);
+    zel_id_delete(a + 0x01000000, k); // stale sequence
+    EXPECT_EQ(lookup(a, k, ID_MGR_RET_OK), &v[0]);
+    for (idmgr_id_t want : {ghost & 0xFFFFFF, 3u, 4u, 0x10001u}) // no entry comes back twice
+        EXPECT_EQ(zel_id_get(&v[1], k) & 0xFFFFFF, want); // and nothing was reported (below)
+
+    const idmgr_id_t index_out = make_id(0, 1, 4), slot_out = make_id(0, 5, 0), unalloc = make_id(0, 2, 0);
+    auto ptr = [](idmgr_id_t id, id_table_key_t key, id_mgr_ret rc) { return [=] { lookup(id, key, rc); }; };
+    auto del = [](idmgr_id_t id, id_table_key_t key) { return [=] { zel_id_delete(id, key); }; };
+    const std::string bad_size = "%IDMGR-3-INVALID_ID_TABLE_SIZE:bad new ID table size";
+    auto create = [](unsigned slots, unsigned per) { return [=] { zel_id_create_new_table(slots, per, nullptr); }; };
+    const std::vector<std::pair<std::function<void()>, std::string>> misuses = {
+        {ptr(0, 1, ID_MGR_RET_OK), inv("id_to_ptr (bad id)", 0)},
+        {ptr(5, 128, ID_MGR_RET_ERROR), inv("id_to_ptr (bad table id)", 5)},
+        {ptr(index_out, k, ID_MGR_RET_ERROR), inv("id_to_ptr", index_out)},
+        {ptr(slot_out, k, ID_MGR_RET_ERROR), inv("id_to_ptr", slot_out)},
+        {ptr(unalloc, k, ID_MGR_RET_ERROR), inv("id_to_ptr", unalloc)},
+        {del(0, 1), inv("id_delete (bad id)", 0)},
+        {del(5, 77), inv("id_delete (bad table key)", 4)},
+        {del(index_out, k), inv("id_delete", index_out - 1)},
+        {[] { zel_id_get(nullptr, 128); }, inv("id_get (bad table id)", 0)},
+        {[] { zel_id_get(nullptr, 5); }, inv("id_get (unassigned table id)", 0)},
+        {[] { zel_id_destroy_table(77); }, inv("id_destroy_table (bad table id)", 0)},
+        {[] { zel_id_get_next_id_ptr(9, nullptr, nullptr, 0, nullptr); }, inv("id_get_next_id_ptr (bad table id)", 9)},
+        {[=] { zel_id_get_this_or_next(a + 0x01000000, nullptr, nullptr, k, nullptr); },
+         inv("id_get_next_id_ptr (bad table id)", a + 0x01000000)},
+        {create(0, 2), bad_size},
+        {create(257, 2), bad_size},
+        {create(1, 1), bad_size},
+        {create(1, 65537), bad_size}};
+    for (const auto &[call, report] : misuses) {
+        call();
+        EXPECT_EQ(lines(), Lines{report});
+    }
+    for (const message *m : {&msg_IDMGR_MALLOC_FAILURE, &msg_IDMGR_INTERRUPT, &msg_IDMGR_INVALID_ID,
+                             &msg_IDMGR_INVALID_ID_TABLE_SIZE, &msg_IDMGR_ID_MANAGER_INTERNAL_ERROR})
+        EXPECT_EQ(std::tuple(m->fac, m->severity, m->flags, m->limiter, *m->redir_ptr),
+                  std::tuple(msg_IDMGR_INVALID_ID.fac, 3, 0x0001, nullptr, nullptr)) << m->name;
+}
