@@ -16,7 +16,7 @@ target_include_directories(vobrel_objects PUBLIC
 # statics, and only explicitly exported names visible.
 target_compile_options(vobrel_objects PRIVATE
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>
-  -fvisibility=hidden -fvisibility-inlines-hidden)
+  -fvisibility=hidden -fvisibility-inlines-hidden -fno-semantic-interposition)
 target_compile_definitions(vobrel_objects PRIVATE VOBREL_BUILDING _GNU_SOURCE)
 vobrel_strict(vobrel_objects)
 

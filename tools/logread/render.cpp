@@ -190,11 +190,16 @@ std::string format_text(const Item &it)
     std::string out;
     if (it.kind == Kind::Record) {
         out.append(it.time);
-        out += " #" + std::to_string(it.number) + " pid " + std::to_string(it.pid);
+        out += " #";
+        out += std::to_string(it.number);
+        out += " pid ";
+        out += std::to_string(it.pid);
         if (it.has_function) {
             out += ' ';
             append_shown(out, it.function);
-            out += "(" + std::to_string(it.line) + ")";
+            out += '(';
+            out += std::to_string(it.line);
+            out += ')';
         }
         out += ": ";
         append_shown(out, without_final_newline(it.message));
@@ -204,7 +209,11 @@ std::string format_text(const Item &it)
         if (it.kind == Kind::OpenBanner)
             out += "] Logger initialized ";
         else
-            out += "] HIT " + std::to_string(it.limit) + " Limit, Wrapping up ";
+        {
+            out += "] HIT ";
+            out += std::to_string(it.limit);
+            out += " Limit, Wrapping up ";
+        }
         out.append(it.time);
         std::string_view extra = without_final_newline(it.message);
         if (!extra.empty()) {
