@@ -67,6 +67,16 @@ void detach_registered()
     }
 }
 
+void set_flag(list_header *list, uint16_t flag, boolean enabled)
+{
+    if (!list)
+        return;
+    if (enabled)
+        list->flags |= flag;
+    else
+        list->flags &= static_cast<uint16_t>(~flag);
+}
+
 } // namespace
 
 extern "C" {
@@ -307,12 +317,7 @@ uint16_t zel_list_get_flags_user(list_header *list, uint16_t flags)
 
 void zel_list_set_automatic(list_header *list, boolean enabled)
 {
-    if (!list)
-        return;
-    if (enabled)
-        list->flags |= LIST_FLAGS_AUTOMATIC;
-    else
-        list->flags &= static_cast<uint16_t>(~LIST_FLAGS_AUTOMATIC);
+    set_flag(list, LIST_FLAGS_AUTOMATIC, enabled);
 }
 
 boolean zel_list_is_automatic(list_header *list)
@@ -322,12 +327,7 @@ boolean zel_list_is_automatic(list_header *list)
 
 void zel_list_set_interrupt_safe(list_header *list, boolean enabled)
 {
-    if (!list)
-        return;
-    if (enabled)
-        list->flags |= LIST_FLAGS_INTERRUPT_SAFE;
-    else
-        list->flags &= static_cast<uint16_t>(~LIST_FLAGS_INTERRUPT_SAFE);
+    set_flag(list, LIST_FLAGS_INTERRUPT_SAFE, enabled);
 }
 
 void zel_list_insert_element(list_header *list, list_element *previous, list_element *element)
