@@ -1,7 +1,9 @@
 // Catalogue reports, debug output and return codes.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <set>
+#include <utility>
 #include <string>
 
 #include <vobrel/errmsg.h>
@@ -23,43 +25,15 @@ const message msg_TEST_TEXT = {"TST", "TEXT", "%s", nullptr, 0, 5, &test_stats};
 TEST(CatalogueReport, GoesToSyslogWithPrefixAndToTheLogWithout)
 {
     xos_errmsg("f", 1, &msg_TEST_ID, "id_delete", 0x12u);
+    xos_errmsg("f", 1, &msg_SYS_QCOUNT, "dequeue", 0xabcdu, 3);
     auto lines = fake::syslog_lines();
-    ASSERT_EQ(lines.size(), 1u);
+    ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[0].severity, 3);
     EXPECT_EQ(lines[0].line, "%IDMGR-3-INVALID_ID:bad id in id_delete (id: 0x12)");
-    EXPECT_EQ(fake::log_messages(), std::vector<std::string>{"bad id in id_delete (id: 0x12)"});
-}
-
-TEST(CatalogueReport, SysEntriesCarryTheirFields)
-{
-    xos_errmsg("f", 1, &msg_SYS_QCOUNT, "dequeue", 0xabcdu, 3);
-    EXPECT_EQ(fake::syslog_lines().at(0).line, "%SYS-2-QCOUNT:Bad dequeue abcd count 3");
-    EXPECT_EQ(fake::syslog_lines().at(0).severity, 2);
-
-    struct Want {
-        const message *m;
-        const char *name;
-        int sev;
-        const char *fmt;
-        bool limited;
-    };
-    for (const Want &w : {Want{&msg_SYS_LINKED, "LINKED", 2, "Bad %s of %x in queue %x", false},
-                          Want{&msg_SYS_QCOUNT, "QCOUNT", 2, "Bad %s %x count %d", false},
-                          Want{&msg_SYS_NOTQ, "NOTQ", 2, "%s didn't find %x in queue %x", false},
-                          Want{&msg_SYS_NOELEMENT, "NOELEMENT", 3, "%s:Ran out of buffer elements for enqueue", true},
-                          Want{&msg_SYS_BADLIST_DESTROY, "BADLIST_DESTROY", 3,
-                               "Removed a non-empty list(%x, name: %s), having %lu elements", false},
-                          Want{&msg_SYS_MGDTIMER, "MGDTIMER", 3, "%s%s, timer = %x.", true}}) {
-        EXPECT_STREQ(w.m->fac, "SYS");
-        EXPECT_STREQ(w.m->name, w.name);
-        EXPECT_EQ(w.m->severity, w.sev) << w.name;
-        EXPECT_STREQ(w.m->format, w.fmt);
-        EXPECT_EQ(w.m->flags, 0x0003) << w.name;
-        EXPECT_EQ(w.m->limiter != nullptr, w.limited) << w.name;
-        ASSERT_NE(w.m->redir_ptr, nullptr);
-        EXPECT_EQ(*w.m->redir_ptr, nullptr);
-    }
-    EXPECT_EQ(msg_SYS_LINKED.fac, msg_SYS_NOTQ.fac); // one shared facility text
+    EXPECT_EQ(lines[1].severity, 2);
+    EXPECT_EQ(lines[1].line, "%SYS-2-QCOUNT:Bad dequeue abcd count 3");
+    EXPECT_EQ(fake::log_messages(),
+              (std::vector<std::string>{"bad id in id_delete (id: 0x12)", "Bad dequeue abcd count 3"}));
 }
 
 TEST(CatalogueReport, EveryCallReportsAndTheLimiterIsNeverTouched)
@@ -134,15 +108,12 @@ TEST(DebugOutput, PrefixAndLeadingWhiteSpaceSkipped)
 {
     buginf("\nabc");
     buginf(" \t\n%d-%s", 7, "x");
-    buginf("no newline added");
     const char *empty = "";
     buginf("%s", empty);
-    auto t = fake::buginf_texts();
-    ASSERT_EQ(t.size(), 4u);
-    EXPECT_EQ(t[0], "DBG:abc");
-    EXPECT_EQ(t[1], "DBG:7-x");
-    EXPECT_EQ(t[2], "DBG:no newline added");
-    EXPECT_EQ(t[3], "DBG:");
+    EXPECT_EQ(fake::buginf_texts(), (std::vector<std::string>{"DBG:abc", "DBG:7-x", "DBG:"}));
+    testing::internal::CaptureStdout();
+    xos_print_debug("50% %s\n");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "50% %s\n");
 }
 
 TEST(DebugOutput, ShortTextsUseTheStackAndLongOnesTheHeap)
@@ -169,42 +140,29 @@ TEST(DebugOutput, LongTextWithoutMemoryKeepsFirst195Bytes)
     EXPECT_EQ(fake::buginf_texts().at(0), "DBG:" + text.substr(0, 195));
 }
 
-TEST(DebugOutput, PrintDebugWritesTheStringUnchanged)
+TEST(ReturnCodes, EveryCodeHasItsOwnTextAndOutOfRangeIsUnknown)
 {
-    testing::internal::CaptureStdout();
-    xos_print_debug("50% %s\n");
-    xos_print_debug("");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "50% %s\n");
-}
-
-TEST(ReturnCodes, NamedCodesAndBounds)
-{
-    EXPECT_STREQ(vobrel_decode_rc(VOBREL_OK), "No Error");
-    EXPECT_STREQ(vobrel_decode_rc(VOBREL_INVALID_ARGS), "Invalid Argument");
-    EXPECT_STREQ(vobrel_decode_rc(VOBREL_NOT_ENOUGH_BUFFER), "Buffer space is small");
-    EXPECT_STREQ(vobrel_decode_rc(VOBREL_INVALID_FILE), "Invalid file");
-    EXPECT_STREQ(vobrel_decode_rc(VOBREL_FSWRITE_FAILED), "File write failed");
-    EXPECT_STREQ(vobrel_decode_rc(VOBREL_FSOPEN_FAILED), "File open failed");
-    EXPECT_STREQ(vobrel_decode_rc(VOBREL_LOCK_FAILED), "Vobrel read-write lock failed");
-    EXPECT_STREQ(vobrel_decode_rc(VOBREL_UNLOCK_FAILED), "Vobrel read-write unlock failed");
-    EXPECT_STREQ(vobrel_decode_rc(VOBREL_NULL_POINTER), "Null pointer detected");
-    EXPECT_STREQ(vobrel_decode_rc(VOBREL_TIMEOUT), "Operation timed out");
-    EXPECT_EQ(VOBREL_NO_ENTRIES, 42);
-    EXPECT_EQ(VOBREL_END_OF_ERROR_CODE, 142);
-    EXPECT_STREQ(vobrel_decode_rc(static_cast<vobrel_rc>(142)), "Unknown Error");
-    EXPECT_STREQ(vobrel_decode_rc(static_cast<vobrel_rc>(-1)), "Unknown Error");
-    EXPECT_STRNE(vobrel_decode_rc(static_cast<vobrel_rc>(141)), "Unknown Error");
-}
-
-TEST(ReturnCodes, EveryCodeHasItsOwnText)
-{
+    const std::pair<vobrel_rc, const char *> named[] = {
+        {VOBREL_OK, "No Error"},
+        {VOBREL_INVALID_ARGS, "Invalid Argument"},
+        {VOBREL_NOT_ENOUGH_BUFFER, "Buffer space is small"},
+        {VOBREL_INVALID_FILE, "Invalid file"},
+        {VOBREL_FSWRITE_FAILED, "File write failed"},
+        {VOBREL_FSOPEN_FAILED, "File open failed"},
+        {VOBREL_LOCK_FAILED, "Vobrel read-write lock failed"},
+        {VOBREL_UNLOCK_FAILED, "Vobrel read-write unlock failed"},
+        {VOBREL_NULL_POINTER, "Null pointer detected"},
+        {VOBREL_TIMEOUT, "Operation timed out"}};
+    for (auto &[rc, text] : named)
+        EXPECT_STREQ(vobrel_decode_rc(rc), text);
     std::set<std::string> seen;
     for (int rc = 0; rc < VOBREL_END_OF_ERROR_CODE; ++rc) {
         const char *t = vobrel_decode_rc(static_cast<vobrel_rc>(rc));
-        ASSERT_NE(t, nullptr);
-        EXPECT_GT(strlen(t), 0u) << rc;
         EXPECT_STRNE(t, "Unknown Error") << rc;
+        EXPECT_GT(strlen(t), 0u) << rc;
         seen.insert(t);
     }
-    EXPECT_EQ(seen.size(), static_cast<size_t>(VOBREL_END_OF_ERROR_CODE));
+    EXPECT_EQ(seen.size(), 142u);
+    for (int rc : {142, -1, 1000})
+        EXPECT_STREQ(vobrel_decode_rc(static_cast<vobrel_rc>(rc)), "Unknown Error");
 }

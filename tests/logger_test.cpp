@@ -11,6 +11,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -62,21 +63,13 @@ TEST(LogFile, FirstCallCreatesHeaderBannerAndRecordZero)
     EXPECT_EQ(fake::log_header_pos(), static_cast<int>(fake::read_log().size()));
 }
 
-TEST(LogFile, FileNameIsStorePathDotProcessName)
-{
-    strcpy(vob_proc_name, "unit");
-    vobrel_write_to_log(nullptr, 0, "x");
-    EXPECT_EQ(access((fake::log_dir() + "/vobrel.log.unit").c_str(), F_OK), 0);
-}
-
 TEST(LogFile, FunctionNameAndLineSitBetweenPidAndMessage)
 {
+    strcpy(vob_proc_name, "unit");
     vobrel_write_to_log("my_func", 42, "msg %s", "text");
     vobrel_write_to_log(nullptr, 42, "plain");
-    auto recs = fake::log_records();
-    ASSERT_EQ(recs.size(), 2u);
-    EXPECT_EQ(recs[0].message, "my_func(42): msg text");
-    EXPECT_EQ(recs[1].message, "plain");
+    EXPECT_EQ(access((fake::log_dir() + "/vobrel.log.unit").c_str(), F_OK), 0);
+    EXPECT_EQ(fake::log_messages(), (std::vector<std::string>{"my_func(42): msg text", "plain"}));
 }
 
 TEST(LogFile, ReopenCarriesOnAtHeaderPositionAndNumber)
@@ -93,39 +86,40 @@ TEST(LogFile, ReopenCarriesOnAtHeaderPositionAndNumber)
     EXPECT_EQ(fake::log_header_number(), 7);
 }
 
-TEST(LogFile, ReopenWithPositionBeyondLimitStartsAtSixteen)
+TEST(LogFile, UnusableHeaderPositionRestartsAtSixteenKeepingTheNumber)
 {
-    write_file(fake::log_path(), header(5000, 3) + std::string(5000, 'z'));
+    // Position 0, at or beyond the limit, an empty file, or not a number.
+    struct Case {
+        std::string bytes;
+        int number;
+    };
+    const Case cases[] = {{header(0, 9) + std::string(100, 'z'), 9},
+                          {header(4000, 3) + std::string(5000, 'z'), 3},
+                          {header(5000, 3) + std::string(5000, 'z'), 3},
+                          {"", 0},
+                          {"garbage!garbage!tail", 0}};
     fake::set_log_file_size(4000);
-    vobrel_write_to_log(nullptr, 0, "r");
-    EXPECT_EQ(fake::read_log().substr(16, strlen(kBanner)), kBanner);
-    EXPECT_EQ(fake::log_records().at(0).number, 3); // no reset without a wrap
-}
-
-TEST(LogFile, ReopenWithPositionZeroStartsAtSixteen)
-{
-    write_file(fake::log_path(), header(0, 9) + std::string(100, 'z'));
-    vobrel_write_to_log(nullptr, 0, "r");
-    EXPECT_EQ(fake::read_log().substr(16, strlen(kBanner)), kBanner);
-    EXPECT_EQ(fake::log_records().at(0).number, 9);
-}
-
-TEST(LogFile, EmptyExistingFileReadsAsPositionZeroNumberZero)
-{
-    write_file(fake::log_path(), "");
-    vobrel_write_to_log(nullptr, 0, "first");
-    std::string s = fake::read_log();
-    EXPECT_EQ(s.substr(16, strlen(kBanner)), kBanner);
-    EXPECT_EQ(fake::log_header_pos(), static_cast<int>(s.size()));
-    EXPECT_EQ(fake::log_header_number(), 0);
-}
-
-TEST(LogFile, HeaderThatIsNoNumberReadsAsZero)
-{
-    write_file(fake::log_path(), "garbage!garbage!tail");
-    vobrel_write_to_log(nullptr, 0, "first");
-    EXPECT_EQ(fake::read_log().substr(16, strlen(kBanner)), kBanner);
-    EXPECT_EQ(fake::log_records().at(0).number, 0);
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        snprintf(vob_proc_name, sizeof vob_proc_name, "case%zu", i);
+        write_file(fake::log_path(), cases[i].bytes);
+    }
+    // Only the first call opens a file, so each case is checked in a child.
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        pid_t pid = fork();
+        if (pid == 0) {
+            snprintf(vob_proc_name, sizeof vob_proc_name, "case%zu", i);
+            vobrel_write_to_log(nullptr, 0, "r");
+            std::string s = fake::read_log();
+            auto recs = fake::log_records();
+            bool ok = s.substr(16, strlen(kBanner)) == kBanner && recs.size() == 1 &&
+                      recs[0].number == cases[i].number &&
+                      fake::log_header_pos() == static_cast<int>(s.find("}:r") + 3);
+            _exit(ok ? 0 : 1);
+        }
+        int st = 0;
+        waitpid(pid, &st, 0);
+        EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << "case " << i;
+    }
 }
 
 TEST(LogFile, WrapsAtLimitWithBannerAndNumberZero)
@@ -155,43 +149,28 @@ TEST(LogFile, WrapsAtLimitWithBannerAndNumberZero)
 
 TEST(LogFile, PlatformFailureDropsRecordsAndRetriesEveryCall)
 {
-    fake::set_log_store_status(1, VOBREL_PLATFORM_NOT_INITED);
     testing::internal::CaptureStdout();
+    fake::set_log_store_status(1, VOBREL_PLATFORM_NOT_INITED);
     EXPECT_EQ(vobrel_write_to_log(nullptr, 0, "lost 1"), 0);
     EXPECT_EQ(vobrel_write_to_log(nullptr, 0, "lost 2"), 0);
-    std::string out = testing::internal::GetCapturedStdout();
-    std::string line = "vobrel_platform_get_log_store_path() failed with error code 3 path len 0\n";
-    EXPECT_EQ(out, line + line);
-    EXPECT_EQ(fake::read_log(), "");
-
     fake::set_log_store_status(1, VOBREL_PLATFORM_OK);
-    vobrel_write_to_log(nullptr, 0, "kept");
-    auto msgs = fake::log_messages();
-    ASSERT_EQ(msgs.size(), 1u);
-    EXPECT_EQ(msgs[0], "kept");
-}
-
-TEST(LogFile, ZeroPathLengthIsAFailure)
-{
     fake::set_log_store_len(-4);
-    testing::internal::CaptureStdout();
-    vobrel_write_to_log(nullptr, 0, "lost");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "vobrel_platform_get_log_store_path() failed with error code 0 path len -4\n");
-}
-
-TEST(LogFile, SecondPlatformCallFailureOrBadSize)
-{
+    vobrel_write_to_log(nullptr, 0, "lost 3");
+    fake::set_log_store_len(0);
     fake::set_log_store_status(2, VOBREL_PLATFORM_INIT_FAILED);
-    testing::internal::CaptureStdout();
-    vobrel_write_to_log(nullptr, 0, "lost");
+    vobrel_write_to_log(nullptr, 0, "lost 4");
     fake::set_log_store_status(2, VOBREL_PLATFORM_OK);
     fake::set_log_file_size(-1);
-    vobrel_write_to_log(nullptr, 0, "lost");
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_NE(out.find("Platform get log store failed with error code 5 and file size"), std::string::npos);
-    EXPECT_NE(out.find("Platform get log store failed with error code 0 and file size -1\n"), std::string::npos);
+    vobrel_write_to_log(nullptr, 0, "lost 5");
     EXPECT_EQ(fake::read_log(), "");
+    fake::set_log_file_size(0);
+    vobrel_write_to_log(nullptr, 0, "kept");
+    const std::string first = "vobrel_platform_get_log_store_path() failed with error code 3 path len 0\n";
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              first + first + "vobrel_platform_get_log_store_path() failed with error code 0 path len -4\n" +
+                  "Platform get log store failed with error code 5 and file size 0\n" +
+                  "Platform get log store failed with error code 0 and file size -1\n");
+    EXPECT_EQ(fake::log_messages(), std::vector<std::string>{"kept"});
 }
 
 TEST(LogFile, MemoryShortageForPathOrNameIsReportedAndRetried)
@@ -272,9 +251,7 @@ TEST(LogFile, WriterWaitingDuringInitialisationSurvivesSignals)
         usleep(1000);
     fake::set_log_store_hook(nullptr);
     std::atomic<bool> second_done{false};
-    pthread_t second_id;
     std::thread second([&] {
-        second_id = pthread_self();
         vobrel_write_to_log(nullptr, 0, "second");
         second_done = true;
     });
@@ -286,18 +263,11 @@ TEST(LogFile, WriterWaitingDuringInitialisationSurvivesSignals)
     init_release = true;
     first.join();
     second.join();
-    (void)second_id;
     auto msgs = fake::log_messages();
     ASSERT_EQ(msgs.size(), 2u);
     EXPECT_EQ(msgs[0], "first");
     EXPECT_EQ(msgs[1], "second");
     EXPECT_EQ(fake::log_store_calls(), 2); // initialised once
-}
-
-TEST(LogFile, VersionTexts)
-{
-    EXPECT_STREQ(vobrel_get_qmt_version(), "1.2.1 Build 0");
-    EXPECT_EQ(vobrel_get_version_common(), vobrel_get_qmt_version());
 }
 
 TEST(LogFile, TimeStampFormatAndLimits)
