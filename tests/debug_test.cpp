@@ -1,8 +1,9 @@
-// Debug levels and switches: the level table, the start-up reading from the
-// environment, the commands and resync. Every case runs in a fresh process, so
-// the switches and the once-only start-up begin unset and setenv stays local.
+// Debug levels and switches: the start-up reading from the environment, the
+// level lookup, the commands and resync. Every case runs in a fresh process,
+// so the switches and the once-only start-up begin unset and setenv stays local.
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -14,225 +15,123 @@
 namespace {
 
 using Texts = std::vector<std::string>;
-
-// The names of the switches that are on, in declaration order.
-std::string on()
-{
-    const std::pair<const char *, boolean> all[] = {
-        {"errors", vobrel_debug_errors},         {"events", vobrel_debug_events},
-        {"voba_error", voba_debug_error},        {"voba_info", voba_debug_info},
-        {"ipc_errors", ipc_debug_errors_flag},   {"ipc", vobrel_debug_ipc},
-        {"core_errors", vobrel_debug_core_errors}, {"core_events", vobrel_debug_core_events},
-        {"core_all", vobrel_debug_core_all}};
-    std::string s;
-    for (const auto &[name, value] : all)
-        if (value)
-            s += (s.empty() ? "" : " ") + std::string(name);
-    return s;
-}
-
 const char kProc[] = "VOBREL_DEBUG_LEVEL";
 const char kIpc[] = "VOBREL_DEBUG_LEVEL_MODULE_IPC";
 const char kCore[] = "VOBREL_DEBUG_LEVEL_MODULE_CORE";
 
-std::string enabled(const std::string &var, const std::string &value)
+std::string enabled(std::string var, std::string v) { return "DBG:Debugging enabled for: " + var + "=" + v + "\n"; }
+std::string not_found(std::string var, std::string v)
 {
-    return "DBG:Debugging enabled for: " + var + "=" + value + "\n";
+    return "DBG:Debugging level '" + v + "' not found for " + var + "\n";
 }
 
-std::string not_found(const std::string &var, const std::string &value)
+// The names of the switches that are on, in declaration order.
+std::string on()
 {
-    return "DBG:Debugging level '" + value + "' not found for " + var + "\n";
+    std::string s;
+    for (auto [name, value] : {std::pair{"errors", vobrel_debug_errors}, {"events", vobrel_debug_events},
+                               {"voba_error", voba_debug_error}, {"voba_info", voba_debug_info},
+                               {"ipc_errors", ipc_debug_errors_flag}, {"ipc", vobrel_debug_ipc},
+                               {"core_errors", vobrel_debug_core_errors}, {"core_events", vobrel_debug_core_events},
+                               {"core_all", vobrel_debug_core_all}}) {
+        EXPECT_LE(value, 1) << name;
+        if (value)
+            s += (s.empty() ? "" : " ") + std::string(name);
+    }
+    return s;
 }
+
+// The three variables (null: unset), the worth of the ALL row, whether a
+// command turned events on before, and the switches on after start-up.
+struct Startup { const char *proc, *ipc, *core; int all; bool events; const char *on; };
+void PrintTo(const Startup &c, std::ostream *os)
+{
+    *os << (c.proc ? c.proc : "-") << '/' << (c.ipc ? c.ipc : "-") << '/' << (c.core ? c.core : "-") << '/' << c.all;
+}
+class DebugStartup : public ::testing::TestWithParam<Startup> {};
 
 } // namespace
 
-TEST(LevelTable, TwentyRowsInOrder)
+TEST_P(DebugStartup, LevelsTurnSwitchesOnOncePerProcess)
 {
-    const char *names[] = {"EMERG", "EMERGENCY", "ALERT",   "CRIT",   "CRITICAL", "ERR",     "ERROR",
-                           "ERRORS", "WARNING",  "WARN",    "NOTICE", "INFO",     "DEBUG",   "EVENTS",
-                           "EVENT", "VERBOSE",   "NOISE",   "MAX",    "ALL"};
-    const int vals[] = {0, 0, 1, 2, 2, 3, 3, 3, 4, 4, 5, 6, 7, 7, 7, 255, 255, 255, 255};
-    static_assert(sizeof level_pairs / sizeof level_pairs[0] == 20);
-    for (int i = 0; i < 19; ++i) {
-        EXPECT_STREQ(level_pairs[i].name, names[i]);
-        EXPECT_EQ(level_pairs[i].val, vals[i]) << names[i];
+    const Startup &c = GetParam();
+    Texts want;
+    for (auto [var, value] : {std::pair{kProc, c.proc}, {kIpc, c.ipc}, {kCore, c.core}}) {
+        value ? setenv(var, value, 1) : unsetenv(var);
+        if (value)
+            want.push_back(enabled(var, value));
     }
-    EXPECT_EQ(level_pairs[19].name, nullptr);
-    EXPECT_EQ(level_pairs[19].val, 0);
-}
-
-TEST(StartupLevel, ProcessDebugTurnsOnErrorAndEventSwitches)
-{
-    setenv(kProc, "debug", 1);
+    level_pairs[18].val = c.all;
+    vobrel_debug_events_command(c.events);
     vobrel_debug_get_startup_common();
-    EXPECT_EQ(on(), "errors events voba_error voba_info ipc_errors");
-    EXPECT_EQ(fake::buginf_texts(), Texts{enabled(kProc, "debug")});
-}
-
-TEST(StartupLevel, WarnTurnsOnErrorSwitchesOnly)
-{
-    setenv(kProc, "Warn", 1);
-    vobrel_debug_get_startup_common();
-    EXPECT_EQ(on(), "errors voba_error ipc_errors");
-}
-
-TEST(StartupLevel, ThresholdsLieAboveCritAndAboveInfo)
-{
-    setenv(kProc, "INFO", 1);
-    setenv(kIpc, "Critical", 1);
-    setenv(kCore, "event", 1);
-    vobrel_debug_get_startup_common();
-    EXPECT_EQ(on(), "errors voba_error ipc_errors core_errors core_events");
-    EXPECT_EQ(fake::buginf_texts(),
-              (Texts{enabled(kProc, "INFO"), enabled(kIpc, "Critical"), enabled(kCore, "event")}));
-}
-
-TEST(StartupLevel, CritTurnsNothingOnButPrintsEnabled)
-{
-    setenv(kProc, "crit", 1);
-    vobrel_debug_get_startup_common();
-    EXPECT_EQ(on(), "");
-    EXPECT_EQ(fake::buginf_texts(), Texts{enabled(kProc, "crit")});
-}
-
-TEST(StartupLevel, ModuleLevels)
-{
-    setenv(kIpc, "events", 1);
-    setenv(kCore, "errors", 1);
-    vobrel_debug_get_startup_common();
-    EXPECT_EQ(on(), "ipc_errors ipc core_errors");
-}
-
-TEST(StartupLevel, CoreAllNeedsATableValueAboveTwoFiftyFive)
-{
-    setenv(kCore, "all", 1);
-    vobrel_debug_get_startup_common();
-    EXPECT_EQ(on(), "core_errors core_events");
-}
-
-TEST(StartupLevel, RaisedTableValueReachesCoreAll)
-{
-    level_pairs[18].val = 256; // "ALL"
-    setenv(kCore, "ALL", 1);
-    vobrel_debug_get_startup_common();
-    EXPECT_EQ(on(), "core_errors core_events core_all");
-}
-
-TEST(StartupLevel, NoVariablePrintsNothing)
-{
-    unsetenv(kProc);
-    unsetenv(kIpc);
-    unsetenv(kCore);
-    vobrel_debug_get_startup_common();
-    EXPECT_EQ(on(), "");
-    EXPECT_TRUE(fake::buginf_texts().empty());
-}
-
-TEST(StartupLevel, RunsOncePerProcessAndNeverTurnsASwitchOff)
-{
-    vobrel_debug_get_startup_common();
-    vobrel_debug_core_all_command(1);
-    setenv(kProc, "debug", 1);
+    setenv(kProc, "all", 1);
     setenv(kCore, "emerg", 1);
-    vobrel_debug_get_startup_common(); // the environment changed: ignored
-    EXPECT_EQ(on(), "core_all");
-    EXPECT_TRUE(fake::buginf_texts().empty());
+    vobrel_debug_get_startup_common(); // a second call reads nothing
+    EXPECT_EQ(on(), c.on);
+    EXPECT_EQ(fake::buginf_texts(), want);
 }
 
-TEST(StartupLevel, StartupKeepsSwitchesACommandTurnedOn)
-{
-    vobrel_debug_events_command(1);
-    setenv(kProc, "warn", 1);
-    vobrel_debug_get_startup_common();
-    EXPECT_EQ(on(), "errors events voba_error ipc_errors");
-}
+// Thresholds: above CRIT (2) and above INFO (6); core all above 255.
+INSTANTIATE_TEST_SUITE_P(Levels, DebugStartup, ::testing::Values(
+    Startup{"debug", "info", "errors", 255, false, "errors events voba_error voba_info ipc_errors core_errors"},
+    Startup{"Err", nullptr, nullptr, 255, true, "errors events voba_error ipc_errors"},
+    Startup{"INFO", "Critical", "event", 255, false, "errors voba_error ipc_errors core_errors core_events"},
+    Startup{"crit", "ERROR", "info", 255, false, "ipc_errors core_errors"},
+    Startup{nullptr, "events", "all", 255, false, "ipc_errors ipc core_errors core_events"},
+    Startup{nullptr, nullptr, "ALL", 256, false, "core_errors core_events core_all"},
+    Startup{nullptr, nullptr, nullptr, 255, false, ""}));
 
-TEST(StartupLevel, UnknownAndEmptyValuesPrintNotFound)
+TEST(DebugLevel, LookupIsCaseBlindBoundedAndFailureLeavesTheLevelAlone)
 {
-    setenv(kProc, "loud", 1);
-    setenv(kIpc, "", 1);
-    setenv(kCore, "debugx", 1);
-    vobrel_debug_get_startup_common();
-    EXPECT_EQ(on(), "");
-    EXPECT_EQ(fake::buginf_texts(), (Texts{"DBG:Debugging level 'loud' not found for VOBREL_DEBUG_LEVEL\n",
-                                           not_found(kIpc, ""), not_found(kCore, "debugx")}));
-}
+    int rows = 0, level = 0, prev = 0;
+    for (const vobrel_name_val_pair_t *p = level_pairs; p->name; ++p, ++rows, prev = level) {
+        std::string lower = p->name;
+        for (char &ch : lower)
+            ch = static_cast<char>(tolower(ch));
+        setenv(kProc, lower.c_str(), 1);
+        EXPECT_TRUE(vobrel_debug_get_startup_flag_level(nullptr, &level) && level == p->val && level >= prev) << lower;
+    }
+    EXPECT_TRUE(rows == VOBREL_LEVEL_PAIRS_ROWS - 1 && level == 255);
+    fake::clear_recordings();
 
-TEST(FlagLevel, FoundSetsTheLevelOtherwiseItIsLeftAlone)
-{
-    int level = -5;
-    EXPECT_FALSE(vobrel_debug_get_startup_flag_level(nullptr, &level));
-    setenv(kProc, "nOtIcE", 1);
-    EXPECT_TRUE(vobrel_debug_get_startup_flag_level(nullptr, &level));
-    EXPECT_EQ(level, 5);
-    setenv(kProc, "nope", 1);
-    EXPECT_FALSE(vobrel_debug_get_startup_flag_level(nullptr, &level));
-    EXPECT_EQ(level, 5);
-    setenv(kProc, "debug", 1);
-    EXPECT_FALSE(vobrel_debug_get_startup_flag_level(nullptr, nullptr)); // no level: not-found line
-    EXPECT_EQ(fake::buginf_texts(), (Texts{enabled(kProc, "nOtIcE"), not_found(kProc, "nope"), not_found(kProc, "debug")}));
-}
-
-TEST(FlagLevel, ValuesOfFiftyCharactersOrMoreMatchNoLevel)
-{
-    // Long names written into the table: 49 characters fit the comparison
-    // buffer, 50 do not.
-    static const std::string fits(49, 'L'), too_long(50, 'M');
+    static const std::string fits(49, 'L'), too_long(50, 'M'); // written into the table: 49 characters fit
     level_pairs[0] = {fits.c_str(), 42};
     level_pairs[1] = {too_long.c_str(), 43};
-    int level = 0;
+    level = -5;
+    unsetenv(kProc);
+    EXPECT_FALSE(vobrel_debug_get_startup_flag_level(nullptr, &level)); // prints nothing
+    Texts want;
+    const Texts values = {"loud", "", "debugx", std::string(50, 'm'), "debug" + std::string(5000, 'x'), "debug"};
+    for (const std::string &v : values) {
+        setenv(kProc, v.c_str(), 1);
+        EXPECT_FALSE(vobrel_debug_get_startup_flag_level(nullptr, v == "debug" ? nullptr : &level)) << v.size();
+        want.push_back(not_found(kProc, v)); // ("debug" found, but nowhere to put it)
+    }
     setenv(kProc, std::string(49, 'l').c_str(), 1);
-    EXPECT_TRUE(vobrel_debug_get_startup_flag_level(nullptr, &level));
-    EXPECT_EQ(level, 42);
-    setenv(kProc, std::string(50, 'm').c_str(), 1);
-    EXPECT_FALSE(vobrel_debug_get_startup_flag_level(nullptr, &level));
-    const std::string huge = "debug" + std::string(5000, 'x'); // beyond every buffer
-    setenv(kProc, huge.c_str(), 1);
-    EXPECT_FALSE(vobrel_debug_get_startup_flag_level(nullptr, &level));
-    EXPECT_EQ(level, 42);
-    EXPECT_EQ(fake::buginf_texts().back(), not_found(kProc, huge));
-}
+    EXPECT_TRUE(level == -5 && vobrel_debug_get_startup_flag_level(nullptr, &level) && level == 42);
 
-TEST(FlagLevel, ModuleNamesAreUpperCasedUpToTheVariableLimit)
-{
-    // 26 characters of prefix and 23 of module: 49, the longest name.
+    // A module name may make the variable name 49 characters long; with one
+    // more it names no variable: nothing read, nothing printed.
     const std::string var = "VOBREL_DEBUG_LEVEL_MODULE_" + std::string(23, 'Q');
     setenv(var.c_str(), "err", 1);
     setenv((var + "Q").c_str(), "err", 1);
-    int level = 0;
-    EXPECT_TRUE(vobrel_debug_get_startup_flag_level(std::string(23, 'q').c_str(), &level));
-    EXPECT_EQ(level, 3);
-    // One more character names no variable: neither the full name nor a
-    // truncated one is read, and nothing is printed.
-    level = -1;
-    EXPECT_FALSE(vobrel_debug_get_startup_flag_level(std::string(24, 'q').c_str(), &level));
-    EXPECT_FALSE(vobrel_debug_get_startup_flag_level(std::string(10000, 'z').c_str(), &level));
-    EXPECT_EQ(level, -1);
-    EXPECT_EQ(fake::buginf_texts(), Texts{enabled(var, "err")});
+    EXPECT_TRUE(vobrel_debug_get_startup_flag_level(std::string(23, 'q').c_str(), &level) && level == 3);
+    EXPECT_FALSE(vobrel_debug_get_startup_flag_level(std::string(24, 'q').c_str(), &level) ||
+                 vobrel_debug_get_startup_flag_level(std::string(10000, 'z').c_str(), &level) || level != 3);
+    want.insert(want.end(), {enabled(kProc, std::string(49, 'l')), enabled(var, "err")});
+    EXPECT_EQ(fake::buginf_texts(), want);
 }
 
-TEST(DebugCommands, SetAndClearOnlyTheirOwnSwitch)
+TEST(DebugCommands, SetAndClearOnlyTheirOwnSwitchAndResyncKeepsOnesOn)
 {
-    struct Cmd {
-        vobrel_rc (*fn)(int);
-        const char *name;
-    };
-    for (const Cmd &c : {Cmd{vobrel_debug_errors_command, "errors"}, Cmd{vobrel_debug_events_command, "events"},
-                         Cmd{vobrel_debug_core_errors_command, "core_errors"},
-                         Cmd{vobrel_debug_core_events_command, "core_events"},
-                         Cmd{vobrel_debug_core_all_command, "core_all"}}) {
-        EXPECT_EQ(c.fn(5), VOBREL_OK);
-        EXPECT_EQ(on(), c.name);
-        EXPECT_EQ(c.fn(0), VOBREL_OK);
-        EXPECT_EQ(on(), "");
+    const std::pair<vobrel_rc (*)(int), const char *> cmds[] = {
+        {vobrel_debug_errors_command, "errors"}, {vobrel_debug_events_command, "events"},
+        {vobrel_debug_core_errors_command, "core_errors"}, {vobrel_debug_core_events_command, "core_events"},
+        {vobrel_debug_core_all_command, "core_all"}};
+    for (auto [cmd, name] : cmds) {
+        EXPECT_TRUE(cmd(-5) == VOBREL_OK && on() == name);
+        EXPECT_TRUE(cmd(0) == VOBREL_OK && on().empty()) << name;
     }
-    vobrel_debug_errors_command(-1);
-    EXPECT_EQ(vobrel_debug_errors, 1); // any non-zero value stores 1
-}
-
-TEST(DebugCommands, ResyncKeepsOnSwitchesOnAndOffSwitchesOff)
-{
     vobrel_resync_debug_flags();
     EXPECT_EQ(on(), "");
     vobrel_debug_errors_command(1);
@@ -240,5 +139,4 @@ TEST(DebugCommands, ResyncKeepsOnSwitchesOnAndOffSwitchesOff)
     vobrel_debug_core_all = 7; // written directly: resync stores 1
     vobrel_resync_debug_flags();
     EXPECT_EQ(on(), "errors core_events core_all");
-    EXPECT_EQ(vobrel_debug_core_all, 1);
 }
