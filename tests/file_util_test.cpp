@@ -1,459 +1,186 @@
 // Whole-file read and buffer write: results, printed and logged lines, and the
-// failure branches. Short, empty and failing reads and writes come from a
+// failure branches. Short, empty and failing reads and writes come from the
 // `read`/`write` defined in this executable, which the statically linked
-// library calls; it acts only on the one file a test names.
+// library calls; they act only on the one file a test names.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
-#include <cstring>
-#include <dlfcn.h>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 
 #include <vobrel/debug.h>
-#include <vobrel/logger.h>
 #include <vobrel/util.h>
 
 #include "support/alloc_fail.h"
 #include "support/fake_platform.h"
 
-namespace io {
+namespace {
 
-// One scripted answer: pass the call on with at most `limit` bytes, store
-// nothing (return 0), or fail with `err`.
-struct Step {
-    enum Kind { Pass, Zero, Fail } kind;
-    size_t limit;
-    int err;
-};
-Step pass(size_t limit) { return {Step::Pass, limit, 0}; }
-Step zero() { return {Step::Zero, 0, 0}; }
-Step fail(int err) { return {Step::Fail, 0, err}; }
+namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
 
-// Fixed storage: the hooks run inside the library and must not allocate.
-struct Script {
-    Step steps[8];
-    int count;
-    int next;
-    size_t requests[64]; // byte counts asked for on the target file
-    int asked;
-};
-
-char target[PATH_MAX]; // empty: nothing is scripted or recorded
+// Answers for the calls on the file `target`, in order: N > 0 passes the call
+// on with at most N bytes, 0 stores nothing, -E fails with errno E; later
+// calls pass unchanged. `asked` records the byte counts asked for.
+struct Script { std::string target; std::vector<long> steps; std::vector<size_t> asked; };
 Script reads, writes;
 
-void set_target(const std::string &path, std::initializer_list<Step> r = {}, std::initializer_list<Step> w = {})
+// True when the call on `fd` is answered from `s`, the answer in `result`.
+bool scripted(Script &s, int fd, size_t &count, ssize_t &result)
 {
-    reads = {};
-    writes = {};
-    for (const Step &s : r)
-        reads.steps[reads.count++] = s;
-    for (const Step &s : w)
-        writes.steps[writes.count++] = s;
-    snprintf(target, sizeof target, "%s", path.c_str());
-}
-
-std::vector<size_t> asked(const Script &s)
-{
-    return std::vector<size_t>(s.requests, s.requests + s.asked);
-}
-
-bool is_target(int fd)
-{
-    if (!target[0])
-        return false;
-    char link[64], path[PATH_MAX];
+    char link[32], path[PATH_MAX] = {};
     snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-    ssize_t n = readlink(link, path, sizeof path - 1);
-    if (n < 0)
+    if (s.target.empty() || readlink(link, path, sizeof path - 1) < 0 || s.target != path)
         return false;
-    path[n] = '\0';
-    return strcmp(path, target) == 0;
-}
-
-using read_fn = ssize_t (*)(int, void *, size_t);
-using write_fn = ssize_t (*)(int, const void *, size_t);
-read_fn real_read;
-write_fn real_write;
-
-__attribute__((constructor)) void resolve()
-{
-    real_read = reinterpret_cast<read_fn>(dlsym(RTLD_NEXT, "read"));
-    real_write = reinterpret_cast<write_fn>(dlsym(RTLD_NEXT, "write"));
-}
-
-// The scripted answer for a call on the target: -1 to pass on with `count`
-// possibly lowered, else the value to return.
-ssize_t answer(Script &s, size_t &count)
-{
-    if (s.asked < 64)
-        s.requests[s.asked++] = count;
-    if (s.next >= s.count)
-        return -1;
-    const Step &st = s.steps[s.next++];
-    if (st.kind == Step::Zero)
-        return 0;
-    if (st.kind == Step::Fail) {
-        errno = st.err;
-        return -2;
+    s.asked.push_back(count);
+    long step = s.asked.size() <= s.steps.size() ? s.steps[s.asked.size() - 1] : LONG_MAX;
+    if (step > 0) {
+        count = std::min(count, static_cast<size_t>(step));
+        return false;
     }
-    if (count > st.limit)
-        count = st.limit;
-    return -1;
+    errno = static_cast<int>(-step);
+    result = step == 0 ? 0 : -1;
+    return true;
 }
 
-} // namespace io
+// 100 bytes, no two alike within 62.
+std::string bytes100 = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789"
+                       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijkl";
+
+// Files go to the process's private test directory, beside its log.
+class FileUtil : public testing::Test {
+protected:
+    void TearDown() override // every path closes its file
+    {
+        std::error_code ec;
+        for (const auto &e : fs::directory_iterator("/proc/self/fd"))
+            EXPECT_NE(fs::read_symlink(e.path(), ec), file_) << "a descriptor was left open";
+    }
+    const std::string dir_ = fs::canonical(fake::log_dir()).string(); // as /proc/self/fd shows it
+    const std::string file_ = dir_ + "/f";
+};
+
+} // namespace
 
 extern "C" ssize_t read(int fd, void *buf, size_t count)
 {
-    if (io::is_target(fd)) {
-        ssize_t a = io::answer(io::reads, count);
-        if (a >= 0)
-            return a;
-        if (a == -2)
-            return -1;
-    }
-    return io::real_read ? io::real_read(fd, buf, count) : syscall(SYS_read, fd, buf, count);
+    ssize_t r;
+    return scripted(reads, fd, count, r) ? r : syscall(SYS_read, fd, buf, count);
 }
 
 extern "C" ssize_t write(int fd, const void *buf, size_t count)
 {
-    if (io::is_target(fd)) {
-        ssize_t a = io::answer(io::writes, count);
-        if (a >= 0)
-            return a;
-        if (a == -2)
-            return -1;
-    }
-    return io::real_write ? io::real_write(fd, buf, count) : syscall(SYS_write, fd, buf, count);
+    ssize_t r;
+    return scripted(writes, fd, count, r) ? r : syscall(SYS_write, fd, buf, count);
 }
 
-namespace {
-
-namespace fs = std::filesystem;
-
-class FileUtil : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        const char *base = getenv("TMPDIR");
-        std::string tmpl = std::string(base && *base ? base : "/tmp") + "/vobrel-futil-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
-        dir_ = fs::canonical(tmpl).string(); // as /proc/self/fd shows it
-        fds_before_ = open_fds();
-    }
-    void TearDown() override
-    {
-        io::target[0] = '\0';
-        EXPECT_EQ(open_fds(), fds_before_) << "a descriptor was left open";
-        fs::remove_all(dir_);
-    }
-
-    // Open descriptors, leaving out the log file, which stays open once used.
-    static size_t open_fds()
-    {
-        const std::string log = fake::log_path();
-        size_t n = 0;
-        std::error_code ec;
-        for (const auto &e : fs::directory_iterator("/proc/self/fd"))
-            if (fs::read_symlink(e.path(), ec) != log)
-                ++n;
-        return n;
-    }
-    std::string make(const std::string &name, const std::string &bytes)
-    {
-        std::string p = dir_ + "/" + name;
-        std::ofstream(p, std::ios::binary) << bytes;
-        return p;
-    }
-    static std::string slurp(const std::string &p)
-    {
-        std::ifstream in(p, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    }
-
-    std::string dir_;
-    size_t fds_before_ = 0;
-};
-
-std::string pattern(size_t n)
+TEST_F(FileUtil, ReadThroughShortAndFailingReads)
 {
-    std::string s(n, '\0');
-    for (size_t i = 0; i < n; ++i)
-        s[i] = static_cast<char>('A' + i % 26);
-    return s;
-}
+    const std::string ten("01234\0" "6789", 10), eio = "(Input/output error)";
+    struct Row { std::string bytes; std::vector<long> script; vobrel_rc rc; size_t got;
+                 std::vector<size_t> asked; Lines log; };
+    const Row rows[] = {
+        {ten, {}, VOBREL_OK, 10, {10}, {}},
+        {"", {}, VOBREL_INVALID_FILE, 0, {524288}, {"\nread failed (Success)\n"}},
+        {"hello", {-EIO}, VOBREL_INVALID_FILE, 0, {5}, {"\nread failed " + eio + "\n"}},
+        {bytes100, {30, 30, 30}, VOBREL_OK, 100, {100, 70, 40, 10}, {}},
+        {bytes100, {30, 0}, VOBREL_OK, 30, {100, 70}, {}}, // shorter than its recorded size
+        {bytes100, {30, -EIO}, VOBREL_INVALID_FILE, 0, {100, 70},
+         {"\nError in reading file errno: 5" + eio, "\n Error Invalid File exact size:" + eio}},
+    };
+    Lines log, dbg;
+    for (size_t i = 0; i < std::size(rows); ++i) {
+        const Row &r = rows[i];
+        vobrel_debug_errors = i % 2; // lines go to the debug channel only while the switch is on
+        std::ofstream(file_, std::ios::binary) << r.bytes;
+        reads = {file_, r.script, {}};
+        char *buf = nullptr;
+        EXPECT_EQ(vobrel_read_input_vobrel_file(file_.c_str(), &buf), r.rc) << i;
+        EXPECT_EQ(buf ? std::string(buf, r.got + 1) : "-", r.rc == VOBREL_OK ? r.bytes.substr(0, r.got) + '\0' : "-")
+            << i;
+        free(buf);
+        EXPECT_EQ(reads.asked, r.asked) << i;
+        log.insert(log.end(), r.log.begin(), r.log.end());
+        for (const std::string &l : i % 2 ? r.log : Lines{})
+            dbg.push_back("DBG:" + l.substr(l.find_first_not_of("\n ")));
+    }
+    EXPECT_EQ(fake::log_messages(), log);
+    EXPECT_EQ(fake::buginf_texts(), dbg);
 
-using Lines = std::vector<std::string>;
-
-} // namespace
-
-// --- reading ----------------------------------------------------------------
-
-TEST_F(FileUtil, ReadExactSizeGivesTheBytesAndANul)
-{
-    const std::string bytes("01234\0" "6789", 10);
-    std::string p = make("ten", bytes);
-    io::set_target(p);
+    reads = {"/proc/" + std::to_string(getpid()) + "/status", {}, {}}; // size unknown: one read
     char *buf = nullptr;
-    ASSERT_EQ(vobrel_read_input_vobrel_file(p.c_str(), &buf), VOBREL_OK);
-    EXPECT_EQ(std::string(buf, 11), bytes + '\0');
-    EXPECT_EQ(io::asked(io::reads), std::vector<size_t>{10});
-    free(buf);
-    EXPECT_TRUE(fake::log_messages().empty());
-}
-
-TEST_F(FileUtil, ReadEmptyFileIsInvalidAfterOneDefaultSizedRead)
-{
-    std::string p = make("empty", "");
-    io::set_target(p);
-    char *buf = reinterpret_cast<char *>(this);
-    EXPECT_EQ(vobrel_read_input_vobrel_file(p.c_str(), &buf), VOBREL_INVALID_FILE);
-    EXPECT_EQ(buf, nullptr);
-    EXPECT_EQ(io::asked(io::reads), std::vector<size_t>{524288});
-    EXPECT_EQ(fake::log_messages(), Lines{"\nread failed (Success)\n"});
-    EXPECT_TRUE(fake::buginf_texts().empty()); // switch off
-
-    vobrel_debug_errors = 1;
-    EXPECT_EQ(vobrel_read_input_vobrel_file(p.c_str(), &buf), VOBREL_INVALID_FILE);
-    EXPECT_EQ(fake::buginf_texts(), Lines{"DBG:read failed (Success)\n"});
-}
-
-TEST_F(FileUtil, ReadSizeUnknownProcFileTakesOneRead)
-{
-    std::string p = "/proc/" + std::to_string(getpid()) + "/status";
-    io::set_target(p);
-    char *buf = nullptr;
-    ASSERT_EQ(vobrel_read_input_vobrel_file(p.c_str(), &buf), VOBREL_OK);
+    ASSERT_EQ(vobrel_read_input_vobrel_file(reads.target.c_str(), &buf), VOBREL_OK);
     EXPECT_EQ(std::string(buf).rfind("Name:", 0), 0u);
-    EXPECT_EQ(io::asked(io::reads), std::vector<size_t>{524288});
+    EXPECT_EQ(reads.asked, std::vector<size_t>{524288});
     free(buf);
 }
 
-TEST_F(FileUtil, ReadFifoTakesWhatOneReadGives)
+TEST_F(FileUtil, FailuresBeforeAnyTransferLogNothing)
 {
-    std::string p = dir_ + "/fifo";
-    ASSERT_EQ(mkfifo(p.c_str(), 0600), 0);
-    std::thread writer([&] {
-        int fd = open(p.c_str(), O_WRONLY);
-        ASSERT_GE(fd, 0);
-        EXPECT_EQ(::write(fd, "through a pipe", 14), 14);
-        close(fd);
-    });
-    char *buf = nullptr;
-    EXPECT_EQ(vobrel_read_input_vobrel_file(p.c_str(), &buf), VOBREL_OK);
-    writer.join();
-    EXPECT_STREQ(buf, "through a pipe");
-    free(buf);
-}
-
-TEST_F(FileUtil, ReadBadArgumentsAndOpenFailureLogNothing)
-{
-    std::string p = make("f", "x");
-    char *buf = reinterpret_cast<char *>(this);
+    std::ofstream(file_, std::ios::binary) << "hello";
+    char *buf = reinterpret_cast<char *>(this), data[] = "abc";
+    int32_t written = 77;
     EXPECT_EQ(vobrel_read_input_vobrel_file(nullptr, &buf), VOBREL_INVALID_ARGS);
-    EXPECT_EQ(vobrel_read_input_vobrel_file(p.c_str(), nullptr), VOBREL_INVALID_ARGS);
+    EXPECT_EQ(vobrel_read_input_vobrel_file(file_.c_str(), nullptr), VOBREL_INVALID_ARGS);
     EXPECT_EQ(vobrel_read_input_vobrel_file((dir_ + "/missing").c_str(), &buf), VOBREL_FSOPEN_FAILED);
     EXPECT_EQ(buf, reinterpret_cast<char *>(this));
-    EXPECT_TRUE(fake::log_messages().empty());
+    EXPECT_EQ(vobrel_write_data_to_url(file_.c_str(), nullptr, 3, &written, "w", 0), VOBREL_NO_ENTRIES);
+    EXPECT_EQ(vobrel_write_data_to_url(nullptr, data, 3, &written, "w", 0), VOBREL_INVALID_ARGS);
+    EXPECT_EQ(vobrel_write_data_to_url(file_.c_str(), data, 3, nullptr, "w", 0), VOBREL_INVALID_ARGS);
+    EXPECT_EQ(written, 77);
+    allocfail::fail_all();
+    vobrel_rc rc = vobrel_read_input_vobrel_file(file_.c_str(), &buf);
+    allocfail::reset();
+    EXPECT_TRUE(rc == VOBREL_NO_MEMORY && !buf);
+    EXPECT_EQ(fake::log_messages(), Lines{}); // and TearDown finds the file closed
 }
 
-TEST_F(FileUtil, ReadWithoutMemoryClosesTheFile)
-{
-    std::string p = make("f", "hello");
-    char *buf = reinterpret_cast<char *>(this);
-    vobrel_rc rc;
-    {
-        allocfail::Guard g;
-        allocfail::fail_all();
-        rc = vobrel_read_input_vobrel_file(p.c_str(), &buf);
-    }
-    EXPECT_EQ(rc, VOBREL_NO_MEMORY);
-    EXPECT_EQ(buf, nullptr);
-    EXPECT_TRUE(fake::log_messages().empty()); // TearDown checks the descriptor
-}
-
-TEST_F(FileUtil, ReadFirstReadFailing)
-{
-    std::string p = make("f", "hello");
-    io::set_target(p, {io::fail(EIO)});
-    char *buf = nullptr;
-    EXPECT_EQ(vobrel_read_input_vobrel_file(p.c_str(), &buf), VOBREL_INVALID_FILE);
-    EXPECT_EQ(buf, nullptr);
-    EXPECT_EQ(fake::log_messages(), Lines{"\nread failed (Input/output error)\n"});
-}
-
-TEST_F(FileUtil, ReadShortReadsAreResumedUntilTheRecordedSize)
-{
-    const std::string bytes = pattern(100);
-    std::string p = make("f", bytes);
-    io::set_target(p, {io::pass(30), io::pass(30), io::pass(30)});
-    char *buf = nullptr;
-    ASSERT_EQ(vobrel_read_input_vobrel_file(p.c_str(), &buf), VOBREL_OK);
-    EXPECT_EQ(std::string(buf, 101), bytes + '\0');
-    EXPECT_EQ(io::asked(io::reads), (std::vector<size_t>{100, 70, 40, 10}));
-    free(buf);
-    EXPECT_TRUE(fake::log_messages().empty());
-}
-
-TEST_F(FileUtil, ReadEndingBeforeTheRecordedSizeKeepsWhatCame)
-{
-    std::string p = make("f", pattern(100));
-    io::set_target(p, {io::pass(30), io::zero()});
-    char *buf = nullptr;
-    ASSERT_EQ(vobrel_read_input_vobrel_file(p.c_str(), &buf), VOBREL_OK);
-    EXPECT_EQ(std::string(buf, 31), pattern(30) + '\0');
-    free(buf);
-}
-
-TEST_F(FileUtil, ReadLaterReadFailingLogsTwoLines)
-{
-    std::string p = make("f", pattern(100));
-    io::set_target(p, {io::pass(30), io::fail(EIO)});
-    vobrel_debug_errors = 1;
-    char *buf = nullptr;
-    EXPECT_EQ(vobrel_read_input_vobrel_file(p.c_str(), &buf), VOBREL_INVALID_FILE);
-    EXPECT_EQ(buf, nullptr);
-    EXPECT_EQ(fake::log_messages(), (Lines{"\nError in reading file errno: 5(Input/output error)",
-                                           "\n Error Invalid File exact size:(Input/output error)"}));
-    EXPECT_EQ(fake::buginf_texts(), (Lines{"DBG:Error in reading file errno: 5(Input/output error)",
-                                           "DBG:Error Invalid File exact size:(Input/output error)"}));
-}
-
-// --- writing ----------------------------------------------------------------
-
-TEST_F(FileUtil, WriteSavesInOneWriteAndPrints)
+TEST_F(FileUtil, WriteThroughShortAndFailingWrites)
 {
     umask(0);
-    std::string p = make("out", pattern(300)); // truncated by the write
-    const std::string bytes = pattern(100);
-    io::set_target(p);
-    int32_t written = -1;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(vobrel_write_data_to_url(p.c_str(), const_cast<char *>(bytes.data()), 100, &written, "config", 0),
-              VOBREL_OK);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "config saved ..... to " + p + "\n");
-    EXPECT_EQ(written, 100);
-    EXPECT_EQ(slurp(p), bytes);
-    EXPECT_EQ(io::asked(io::writes), std::vector<size_t>{100});
-    EXPECT_TRUE(fake::log_messages().empty());
-
-    std::string fresh = dir_ + "/fresh";
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(vobrel_write_data_to_url(fresh.c_str(), const_cast<char *>("abc"), 3, &written, nullptr, 0), VOBREL_OK);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "data saved ..... to " + fresh + "\n");
-    struct stat sb;
-    ASSERT_EQ(stat(fresh.c_str(), &sb), 0);
-    EXPECT_EQ(sb.st_mode & 0777, 0666u);
-}
-
-TEST_F(FileUtil, WriteNothingOrBadArgumentsCreatesNoFile)
-{
-    std::string p = dir_ + "/out";
-    char data[] = "x";
-    int32_t written = 77;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(vobrel_write_data_to_url(p.c_str(), data, 0, &written, "w", 0), VOBREL_NO_ENTRIES);
-    EXPECT_EQ(vobrel_write_data_to_url(p.c_str(), nullptr, 1, &written, "w", 0), VOBREL_NO_ENTRIES);
-    EXPECT_EQ(vobrel_write_data_to_url(p.c_str(), data, -1, &written, "w", 0), VOBREL_INVALID_ARGS);
-    EXPECT_EQ(vobrel_write_data_to_url(nullptr, data, 1, &written, "w", 0), VOBREL_INVALID_ARGS);
-    EXPECT_EQ(vobrel_write_data_to_url(p.c_str(), data, 1, nullptr, "w", 0), VOBREL_INVALID_ARGS);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-    EXPECT_EQ(written, 77);
-    EXPECT_FALSE(fs::exists(p));
-    EXPECT_TRUE(fake::log_messages().empty());
-}
-
-TEST_F(FileUtil, WriteOpenFailure)
-{
-    std::string p = dir_ + "/no/such/dir/out";
-    vobrel_debug_errors = 1;
-    int32_t written = 77;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(vobrel_write_data_to_url(p.c_str(), const_cast<char *>("abc"), 3, &written, "w", 0),
-              VOBREL_FSOPEN_FAILED);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "% Could not open file " + p + ":No such file or directory\n");
-    EXPECT_EQ(written, 0);
-    EXPECT_EQ(fake::log_messages(), Lines{"\nError in opening file " + p + ":No such file or directory\n"});
-    EXPECT_EQ(fake::buginf_texts(), Lines{"DBG:Error in opening file " + p + ":No such file or directory\n"});
-}
-
-TEST_F(FileUtil, WriteFirstWriteStoringNothingRemovesTheFile)
-{
-    const std::string bytes = pattern(100);
-    struct Row {
-        io::Step step;
-        const char *text;
-        const char *result;
+    const std::string p = file_, bad = dir_ + "/no/such/dir/f", saved = "config saved ..... to " + p + "\n";
+    const std::string part = "\nWriting Partially to file - wrote ", any = "\nCould not write any config to file " + p;
+    const std::string cut = "\nCould not write config completely to file " + p + "\n";
+    const std::string first = "\nCould not write config to file " + p;
+    const std::string fully = "\nCould not write config fully to file " + p;
+    struct Row { std::string path; int32_t len; std::vector<long> script; vobrel_rc rc; int32_t written;
+                 std::string printed; Lines log; };
+    const Row rows[] = {
+        {p, 0, {}, VOBREL_NO_ENTRIES, -1, "", {}},
+        {p, 100, {}, VOBREL_OK, 100, saved, {}},
+        {p, 100, {40, 30}, VOBREL_OK, 100, saved, {part + "40 bytes", part + "70 bytes"}},
+        {p, 100, {0}, VOBREL_FSWRITE_FAILED, 0, any + ": Success\n", {first + " 100 0"}},
+        {p, 100, {-EFBIG}, VOBREL_FSWRITE_FAILED, 0, any + ": File too large\n", {first + " 100 4294967295"}},
+        {p, 100, {40, 25, -EIO}, VOBREL_FSWRITE_FAILED, 65, cut,
+         {part + "40 bytes", part + "65 bytes", fully + " 100 4294967295"}},
+        {p, 100, {10, 0}, VOBREL_FSWRITE_FAILED, 10, cut, {part + "10 bytes", fully + " 100 0"}},
+        {bad, 100, {}, VOBREL_FSOPEN_FAILED, 0, "% Could not open file " + bad + ":No such file or directory\n",
+         {"\nError in opening file " + bad + ":No such file or directory\n"}},
     };
-    for (const Row &r : {Row{io::zero(), "Success", "0"}, Row{io::fail(ENOSPC), "No space left on device", "4294967295"}}) {
-        fake::clear_recordings();
-        std::string p = make("out", "old contents");
-        io::set_target(p, {}, {r.step});
-        int32_t written = 77;
+    Lines log;
+    for (size_t i = 0; i < std::size(rows); ++i) {
+        const Row &r = rows[i];
+        if (i > 1) // the first two find no file; the others truncate one
+            std::ofstream(p, std::ios::binary) << std::string(300, '#');
+        writes = {r.path, r.script, {}};
+        int32_t written = -1;
         testing::internal::CaptureStdout();
-        EXPECT_EQ(vobrel_write_data_to_url(p.c_str(), const_cast<char *>(bytes.data()), 100, &written, "config", 0),
-                  VOBREL_FSWRITE_FAILED);
-        EXPECT_EQ(testing::internal::GetCapturedStdout(),
-                  "\nCould not write any config to file " + p + ": " + r.text + "\n");
-        EXPECT_EQ(written, 0);
-        EXPECT_FALSE(fs::exists(p));
-        EXPECT_EQ(fake::log_messages().back(), "\nCould not write config to file " + p + " 100 " + r.result);
+        EXPECT_EQ(vobrel_write_data_to_url(r.path.c_str(), bytes100.data(), r.len, &written, "config", 0), r.rc) << i;
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), r.printed) << i;
+        EXPECT_EQ(written, r.written) << i;
+        std::ifstream in(r.path, std::ios::binary); // a write that stored nothing removes the file
+        EXPECT_EQ(in ? std::string(std::istreambuf_iterator<char>(in), {}) : "-",
+                  r.written > 0 ? bytes100.substr(0, static_cast<size_t>(r.written)) : "-") << i;
+        EXPECT_TRUE(i != 1 || fs::status(p).permissions() == fs::perms(0666)) << "mode of a new file";
+        log.insert(log.end(), r.log.begin(), r.log.end());
     }
-}
-
-TEST_F(FileUtil, WriteShortWritesAreResumed)
-{
-    const std::string bytes = pattern(100);
-    std::string p = dir_ + "/out";
-    io::set_target(p, {}, {io::pass(40), io::pass(30)});
-    int32_t written = 0;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(vobrel_write_data_to_url(p.c_str(), const_cast<char *>(bytes.data()), 100, &written, "config", 0),
-              VOBREL_OK);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "config saved ..... to " + p + "\n");
-    EXPECT_EQ(written, 100);
-    EXPECT_EQ(slurp(p), bytes);
-    EXPECT_EQ(io::asked(io::writes), (std::vector<size_t>{100, 60, 30}));
-    EXPECT_EQ(fake::log_messages(), (Lines{"\nWriting Partially to file - wrote 40 bytes",
-                                           "\nWriting Partially to file - wrote 70 bytes"}));
-}
-
-TEST_F(FileUtil, WriteLaterWriteStoringNothingKeepsThePartialFile)
-{
-    const std::string bytes = pattern(100);
-    std::string p = dir_ + "/out";
-    vobrel_debug_errors = 1;
-    io::set_target(p, {}, {io::pass(40), io::pass(25), io::fail(EIO)});
-    int32_t written = 0;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(vobrel_write_data_to_url(p.c_str(), const_cast<char *>(bytes.data()), 100, &written, "config", 0),
-              VOBREL_FSWRITE_FAILED);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "\nCould not write config completely to file " + p + "\n");
-    EXPECT_EQ(written, 65);
-    EXPECT_EQ(slurp(p), bytes.substr(0, 65));
-    const Lines want = {"\nWriting Partially to file - wrote 40 bytes", "\nWriting Partially to file - wrote 65 bytes",
-                        "\nCould not write config fully to file " + p + " 100 4294967295"};
-    EXPECT_EQ(fake::log_messages(), want);
-    EXPECT_EQ(fake::buginf_texts().size(), 3u);
-    EXPECT_EQ(fake::buginf_texts().back(), "DBG:Could not write config fully to file " + p + " 100 4294967295");
-
-    fake::clear_recordings();
-    io::set_target(p, {}, {io::pass(10), io::zero()});
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(vobrel_write_data_to_url(p.c_str(), const_cast<char *>(bytes.data()), 100, &written, "config", 0),
-              VOBREL_FSWRITE_FAILED);
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(written, 10);
-    EXPECT_EQ(slurp(p), bytes.substr(0, 10));
-    EXPECT_EQ(fake::log_messages().back(), "\nCould not write config fully to file " + p + " 100 0");
+    EXPECT_EQ(fake::log_messages(), log);
 }

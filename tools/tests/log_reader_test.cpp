@@ -1,0 +1,377 @@
+// vobrel-log and its parser (tools/logread) on files the library writes
+// (fresh, wrapped, reopened by a second process), on damaged files, and
+// following a writer. The library writes through the fake platform.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <fstream>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include <vobrel/logger.h>
+
+#include "support/fake_platform.h"
+#include "tools/logread/logread.h"
+
+namespace {
+
+using Strings = std::vector<std::string>;
+constexpr auto npos = std::string::npos;
+
+Strings lines_of(const std::string &s)
+{
+    Strings out;
+    for (size_t b = 0, e; b < s.size(); b = e + 1)
+        out.push_back(s.substr(b, (e = std::min(s.find('\n', b), s.size())) - b));
+    return out;
+}
+
+// Parses a file that must be readable; its records' messages go to
+// `messages`. The items point into `bytes`.
+logread::Log parse_ok(const std::string &bytes, Strings &messages)
+{
+    logread::Log log;
+    EXPECT_EQ(logread::parse(bytes, log), logread::Status::Ok) << bytes;
+    for (const logread::Item &it : log.items)
+        if (it.kind == logread::Kind::Record)
+            messages.emplace_back(it.message);
+    return log;
+}
+
+// A program run in a child process, its stdout and stderr going to one file.
+struct Child {
+    explicit Child(Strings args) : out_(fake::log_dir() + "/out" + std::to_string(runs_++))
+    {
+        std::vector<char *> argv;
+        for (std::string &a : args)
+            argv.push_back(a.data());
+        argv.push_back(nullptr);
+        if ((pid_ = fork()) == 0) {
+            dup2(open(out_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
+            dup2(1, 2);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+    }
+    ~Child()
+    {
+        if (pid_ > 0 && kill(pid_, SIGKILL) == 0)
+            waitpid(pid_, nullptr, 0);
+    }
+    std::string out() const
+    {
+        std::ifstream in(out_, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), {}};
+    }
+    // Waits up to 10 s for the output to hold `text`.
+    bool wait_for(const std::string &text) const
+    {
+        for (int i = 0; i < 2000; ++i, usleep(5000))
+            if (out().find(text) != npos)
+                return true;
+        return false;
+    }
+    // Sends `sig` (0: none), waits up to 10 s for the end, then kills; the
+    // exit status, or 128 + signal.
+    int status(int sig = 0)
+    {
+        if (pid_ <= 0) // never signal every process
+            return -1;
+        kill(pid_, sig);
+        int st = 0;
+        for (int i = 0; waitpid(pid_, &st, WNOHANG) == 0; ++i, usleep(5000))
+            if (i == 2000) {
+                ADD_FAILURE() << "still running after 10 s";
+                kill(pid_, SIGKILL);
+            }
+        pid_ = -1;
+        return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+    }
+
+    static inline int runs_ = 0;
+    std::string out_;
+    pid_t pid_ = -1;
+};
+
+struct Result { int status; std::string out; };
+
+Result tool(Strings args)
+{
+    args.insert(args.begin(), VOBREL_LOG_TOOL);
+    Child run(args);
+    int status = run.status();
+    return {status, run.out()};
+}
+
+// vobrel-log's listing of the library's log, which must succeed, without the
+// time stamps.
+Strings listing(Strings args = {})
+{
+    args.push_back(fake::log_path());
+    Result r = tool(args);
+    EXPECT_EQ(r.status, 0) << r.out;
+    Strings out;
+    for (const std::string &l : lines_of(r.out)) // banners end with a time, records start with one
+        out.push_back(l.starts_with("----")            ? l.substr(0, l.size() - 19)
+                      : l[0] >= '0' && l[0] <= '9' ? l.substr(20)
+                                                   : l);
+    return out;
+}
+
+// Hand-made files.
+std::string rec(int n, const std::string &msg, int pid = 5)
+{
+    return "\n2024/02/03-04:05:06[" + std::to_string(n) + "]{" + std::to_string(pid) + "}:" + msg;
+}
+const std::string kOpen = "\n[QMT-VER-1.2.1 Build 0] Logger initialized 2024/02/03-04:05:06";
+const std::string kWrap = "\n[QMT-VER-1.2.1 Build 0] HIT 1000 Limit, Wrapping up 2024/02/03-04:05:07\n";
+// The header, the newer text from byte 16, then the older; the position ends
+// the newer text unless given.
+std::string file(const std::string &newer, const std::string &older, int number, size_t pos = 0)
+{
+    char header[17];
+    snprintf(header, sizeof header, "%8zu%8d", pos ? pos : 16 + newer.size(), number);
+    return header + newer + older;
+}
+
+} // namespace
+
+TEST(LogReaderOnLibraryFiles, ReadsRightAfterEveryRecordThroughManyWraps)
+{
+    // Some twenty passes. Lengths vary so that passes end at different places
+    // past the limit and leave remains of older passes behind the newest old
+    // record.
+    fake::set_log_file_size(700);
+    Strings msgs, texts; // each record's text after its time stamp, to find it in the file
+    for (int i = 0; i < 160; ++i) {
+        std::string msg = "m" + std::to_string(i) + std::string(static_cast<size_t>(i * 37 % 90), 'x');
+        std::string fn = i % 3 ? "" : "worker(" + std::to_string(i) + "): ";
+        msgs.push_back(i % 3 ? msg + "\n" : msg);
+        vobrel_write_to_log(i % 3 ? nullptr : "worker", i, "%s", msgs.back().c_str());
+        texts.push_back("[" + std::to_string(fake::log_header_number()) + "]{" + std::to_string(getpid()) + "}:" + fn +
+                        msgs.back());
+
+        // The reader shows exactly the records whose bytes are all still
+        // there, in writing order; the newest one of the previous pass may
+        // carry remains of an older pass. The header agrees with the text.
+        const std::string bytes = fake::read_log();
+        Strings got, want;
+        const logread::Log log = parse_ok(bytes, got);
+        ASSERT_EQ(logread::check(bytes, log), Strings{}) << i;
+        const size_t pos = static_cast<size_t>(log.header_position);
+        for (size_t k = 0; k < texts.size(); ++k) {
+            size_t at = bytes.find(texts[k]); // "\n<time>" before it, on the same side of the position
+            if (at != npos && at >= 20 && bytes[at - 20] == '\n' && (at < pos || at - 20 >= pos))
+                want.push_back(msgs[k]);
+        }
+        size_t old = 0;
+        for (size_t k = 0; k < log.newer_first; ++k)
+            old += log.items[k].kind == logread::Kind::Record;
+        ASSERT_EQ(got.size(), want.size()) << bytes;
+        for (size_t k = 0; k < want.size(); ++k)
+            ASSERT_EQ(k + 1 == old ? got[k].substr(0, want[k].size()) : got[k], want[k]) << i << " " << k;
+    }
+    Strings shown = listing();
+    EXPECT_EQ(std::count(shown.begin(), shown.end(), "---- [QMT-VER-1.2.1 Build 0] HIT 700 Limit, Wrapping up "), 1);
+    EXPECT_TRUE(shown.back().ends_with(" worker(159): " + msgs.back())) << shown.back();
+}
+
+TEST(LogReaderOnLibraryFiles, FreshFileThenASecondProcess)
+{
+    const std::string path = fake::log_path(); // one log directory for both processes
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        vobrel_write_to_log(nullptr, 0, "plain\n");
+        vobrel_write_to_log("do_work", 88, "in a function");
+        vobrel_write_to_log(nullptr, 0, "two\nlines\n");
+        vobrel_write_to_log(nullptr, 0, "esc \x1b[31m red\r csi \xc2\x9b bad \xff ok \xc3\xa9\t.");
+        _exit(0);
+    }
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    vobrel_write_to_log("parent_fn", 7, "parent %d", 0);
+    vobrel_write_to_log(nullptr, 0, "parent %d", 1);
+
+    // The second process carries on at the position and repeats the newest number.
+    const std::string open = "---- [QMT-VER-1.2.1 Build 0] Logger initialized ", c = " pid " + std::to_string(child);
+    const std::string p = " pid " + std::to_string(getpid());
+    EXPECT_EQ(listing(), (Strings{open, "#0" + c + ": plain", "#1" + c + " do_work(88): in a function",
+                                  "#2" + c + ": two", "    lines",
+                                  "#3" + c + ": esc \\x1b[31m red\\x0d csi \\xc2\\x9b bad \\xff ok \xc3\xa9\t.", open,
+                                  "#3" + p + " parent_fn(7): parent 0", "#4" + p + ": parent 1"}));
+    EXPECT_EQ(listing({"--pid", std::to_string(child)}).size(), 5u);
+    EXPECT_EQ(tool({"--check", path}).status, 0);
+}
+
+TEST(LogReaderAmbiguities, SettledAsDocumented)
+{
+    std::string broken = rec(2, "two");
+    broken[5] = 'X'; // no longer a start line
+    const std::string fake_rec = "\n2020/01/01-00:00:00[77]{1}:not a record";
+    const std::string fake_banner = "\n[QMT-VER-9] Logger initialized 2020/01/01-00:00:00 neither";
+    const std::string remains = "tail of an old message" + rec(500, "quoted", 9), ys(900, 'y');
+    const std::pair<std::string, Strings> rows[] = {
+        // Record- and banner-shaped text inside a message stays in the message; a
+        // function part needs an identifier and a line number.
+        {file(kOpen + rec(0, "fwd:" + fake_rec) + rec(1, "quoted:" + fake_banner) + rec(2, "f(1): a") +
+                  rec(3, "(1): b") + rec(4, "f(x): c") + rec(5, "ns::g(-2): d"), "", 5),
+         {"fwd:" + fake_rec, "quoted:" + fake_banner, "a", "(1): b", "f(x): c", "d"}},
+        // After a damaged start line the records are picked up again.
+        {file(kOpen + rec(0, "zero") + rec(1, "one") + broken + rec(3, "three") + rec(4, "four"), "", 4),
+         {"zero", "one" + broken, "three", "four"}},
+        // Remains at the position are skipped even when they quote a record.
+        {file(kWrap + rec(0, "new"), remains + rec(3, "old three") + rec(4, "old four"), 0),
+         {"old three", "old four", "new"}},
+        // Old text starting at or beyond the limit (1000) is left from an older pass.
+        {file(kWrap + rec(0, "n0"), rec(5, "o5") + rec(6, ys) + rec(7, "older pass"), 0), {"o5", ys, "n0"}},
+    };
+    for (const auto &[bytes, messages] : rows) {
+        Strings got;
+        parse_ok(bytes, got);
+        EXPECT_EQ(got, messages);
+    }
+}
+
+TEST(LogReaderOnDamagedFiles, EachKindHasItsMessageAndExitStatus)
+{
+    const std::string dir = fake::log_dir();
+    ASSERT_EQ(mkfifo((dir + "/fifo").c_str(), 0600), 0);
+    struct Row { const char *name; std::string bytes; int status; const char *says; }; // written unless status 3
+    const Row rows[] = {
+        {"missing", "", 3, "cannot read"},
+        {"fifo", "", 3, "not a regular file"}, // and no waiting for a writer
+        {"empty", "", 4, "empty"},
+        {"short", "      16", 5, "shorter than the 16-byte header"},
+        {"words", "garbage!garbage!more text", 6, "does not hold two numbers"},
+        {"nuls", std::string(16, '\0') + kOpen, 6, "\\x00"},
+        {"beyond", file(kOpen, "", 0, 5000), 7, "position 5000"},
+        {"noise", file("\x01\x02" "binary\xff\xfe", "", 0, 16), 8, "no log text"},
+    };
+    for (const Row &r : rows) {
+        const std::string path = dir + "/" + r.name;
+        if (r.status != 3)
+            std::ofstream(path, std::ios::binary) << r.bytes;
+        for (Strings args : {Strings{}, Strings{"--check"}, Strings{"--json"}, Strings{"--follow"}}) {
+            args.push_back(path);
+            Result run = tool(args);
+            EXPECT_EQ(run.status, r.status) << r.name << " " << args[0];
+            EXPECT_TRUE(run.out.starts_with("vobrel-log: " + path + ": ") && run.out.find(r.says) != npos &&
+                        lines_of(run.out).size() == 1) << run.out;
+        }
+    }
+}
+
+TEST(LogReaderCheck, SaysWhetherTheHeaderAgreesWithTheText)
+{
+    const std::string body = kOpen + rec(0, "zero") + rec(1, "one\n"), path = fake::log_dir() + "/checked";
+    const size_t last = 16 + body.rfind('\n', body.size() - 2), in_fn = 16 + kOpen.size() + rec(0, "fn(1").size();
+    struct Row { std::string bytes; int status; std::string says; };
+    const Row rows[] = {
+        {file(body, "", 1), 0, "agrees with the text (position " + std::to_string(16 + body.size()) + ", number 1"},
+        {file(body, "", 7), 1, "the header's number 7 is not the number of the newest record (1, at offset "},
+        {file(body, "", 1, last + 5), 1, "inside the start line of the record at offset " + std::to_string(last)},
+        {file(kOpen + rec(0, "fn(12): m"), "", 0, in_fn), 1, " falls inside the function name and line of the record"},
+    };
+    for (const Row &r : rows) {
+        std::ofstream(path, std::ios::binary | std::ios::trunc) << r.bytes;
+        Result run = tool({"--check", path});
+        EXPECT_EQ(run.status, r.status) << r.says;
+        EXPECT_TRUE(run.out.starts_with(path + ": ") && run.out.find(r.says) != npos && lines_of(run.out).size() == 1)
+            << run.out;
+    }
+}
+
+TEST(LogReaderOutput, JsonCarriesEveryFieldAndAnyBytes)
+{
+    if (!*VOBREL_PYTHON3)
+        GTEST_SKIP() << "no python3 to parse the JSON with";
+    for (const char *m : {"quote \" \\ \t \r \x07 \x7f", "utf-8 \xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80",
+                          "invalid \xff \xc0\xaf \xed\xa0\x80 \xe2\x82"})
+        vobrel_write_to_log("json_fn", 3, "%s", m);
+    vobrel_write_to_log(nullptr, 0, "nul %c byte\n", 0);
+    // vobrel-log --json through a strict JSON parser, each object written
+    // again as a list of its fields in the parser's own escapes.
+    Child py({VOBREL_PYTHON3, "-c",
+              "import json, subprocess, sys\n"
+              "out = subprocess.run(sys.argv[1:], stdout=subprocess.PIPE, check=True).stdout.decode()\n"
+              "for o in map(json.loads, out.split('\\n')[:-1]):\n"
+              "    print(json.dumps([o.get(k) for k in ('type', 'number', 'pid', 'function', 'line', 'message',\n"
+              "                                         'message_base64')]), len(o['time']))\n",
+              VOBREL_LOG_TOOL, "--json", fake::log_path()});
+    ASSERT_EQ(py.status(), 0) << py.out();
+    const std::string pid = std::to_string(getpid()), fn = ", " + pid + R"(, "json_fn", 3, )";
+    EXPECT_EQ(lines_of(py.out()),
+              (Strings{R"(["open", null, null, null, null, null, null] 19)",
+                       R"(["record", 0)" + fn + R"("quote \" \\ \t \r \u0007 \u007f", null] 19)",
+                       R"(["record", 1)" + fn + R"("utf-8 \u00e9 \u20ac \ud83d\ude00", null] 19)",
+                       // Each byte of a bad sequence reads U+FFFD; the bytes themselves are in base64.
+                       R"(["record", 2)" + fn + R"("invalid \ufffd \ufffd\ufffd \ufffd\ufffd\ufffd \ufffd\ufffd", )" +
+                           R"("aW52YWxpZCD/IMCvIO2ggCDigg=="] 19)",
+                       R"(["record", 3, )" + pid + R"(, null, null, "nul \u0000 byte\n", null] 19)"}));
+}
+
+TEST(LogReaderOutput, FiltersSinceGrepAndPid)
+{
+    fake::set_log_file_size(500);
+    for (int i = 0; i < 12 || fake::log_header_number() > 2; ++i)
+        vobrel_write_to_log(nullptr, 0, "%s %d%s", i % 2 ? "odd" : "even", i, std::string(20, '-').c_str());
+    Strings all = listing(), odd;
+    ASSERT_GT(all.size(), 3u);
+    for (const std::string &l : all)
+        if (l.find(": odd ") != npos)
+            odd.push_back(l);
+    // From the second oldest record to the end, the wrap banner included.
+    EXPECT_EQ(listing({"--since", all[1].substr(1, all[1].find(' ') - 1)}), Strings(all.begin() + 1, all.end()));
+    EXPECT_EQ(listing({"--since", "99999"}), Strings{});
+    EXPECT_EQ(listing({"--pid", "1"}), Strings{});
+    EXPECT_EQ(listing({"--grep", "odd", "--pid", std::to_string(getpid())}), odd);
+}
+
+TEST(LogReaderOptions, UsageErrorsExitWith2)
+{
+    for (const Strings &args : {Strings{}, Strings{"--bogus", "f"}, Strings{"a", "b"}, Strings{"--since", "x", "f"},
+                                Strings{"--interval", "0", "f"}, Strings{"--check", "--grep", "x", "f"}})
+        EXPECT_EQ(tool(args).status, 2) << testing::PrintToString(args);
+}
+
+TEST(LogReaderFollow, FollowsAWriterAcrossWrapsUntilStopped)
+{
+    fake::set_log_file_size(450);
+    vobrel_write_to_log(nullptr, 0, "before follow");
+    Child follow({VOBREL_LOG_TOOL, "--follow", "--interval", "5", fake::log_path()});
+    ASSERT_TRUE(follow.wait_for(": before follow\n"));
+    Strings written{"before follow"};
+    int wraps = 0;
+    for (int i = 0; i < 48; ++i) {
+        written.push_back("live " + std::to_string(i) + std::string(static_cast<size_t>(i % 4) * 9, '+'));
+        vobrel_write_to_log(nullptr, 0, "%s", written.back().c_str());
+        wraps += fake::log_header_number() == 0;
+        // Two at a time, so that nothing is overwritten unread.
+        ASSERT_TRUE(i % 2 == 0 || follow.wait_for(": " + written.back() + "\n")) << follow.out();
+    }
+    EXPECT_GE(wraps, 3);
+    EXPECT_EQ(follow.status(SIGTERM), 0);
+    Strings seen;
+    int banners = 0;
+    for (const std::string &l : lines_of(follow.out())) // a notice on stderr would show here too
+        if (l.starts_with("---- "))
+            banners += l.find(" HIT 450 Limit, ") != npos;
+        else
+            seen.push_back(l.substr(l.find(": ") + 2));
+    EXPECT_EQ(seen, written); // each once, in order
+    EXPECT_EQ(banners, wraps);
+}
+
+TEST(LogReaderFollow, StopsAtOnceOnSigint)
+{
+    vobrel_write_to_log(nullptr, 0, "only");
+    Child follow({VOBREL_LOG_TOOL, "-f", "--interval", "60000", fake::log_path()});
+    ASSERT_TRUE(follow.wait_for(": only\n"));
+    EXPECT_EQ(follow.status(SIGINT), 0); // well before the 60 s wait ends
+}
