@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <ftw.h>
 #include <mutex>
 #include <regex>
 #include <sstream>
@@ -32,6 +33,22 @@ void (*g_store_hook)();
 // Default size limit: large enough that ordinary tests never wrap.
 constexpr int kDefaultLimit = 4 * 1024 * 1024;
 
+pid_t g_dir_owner;
+
+int remove_entry(const char *path, const struct stat *, int, struct FTW *)
+{
+    remove(path);
+    return 0;
+}
+
+// The directory goes when the process that made it exits (forked children
+// leave it to their parent).
+void remove_dir()
+{
+    if (!g_dir.empty() && getpid() == g_dir_owner)
+        nftw(g_dir.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+}
+
 std::string dir_locked()
 {
     if (g_dir.empty()) {
@@ -42,6 +59,8 @@ std::string dir_locked()
         if (!mkdtemp(buf.data()))
             abort();
         g_dir = buf.data();
+        g_dir_owner = getpid();
+        atexit(remove_dir);
     }
     return g_dir;
 }
