@@ -55,49 +55,31 @@ TEST(LogFile, FirstCallCreatesHeaderBannerAndRecordZero)
     EXPECT_EQ(fake::log_header_pos(), static_cast<int>(s.size()));
     EXPECT_EQ(fake::log_header_number(), 0);
 
-    vobrel_write_to_log(nullptr, 0, "second");
+    vobrel_write_to_log("my_func", 42, "second %s", "text");
     recs = fake::log_records();
     ASSERT_EQ(recs.size(), 2u);
     EXPECT_EQ(recs[1].number, 1);
+    EXPECT_EQ(recs[1].message, "my_func(42): second text");
     EXPECT_EQ(fake::log_header_number(), 1);
     EXPECT_EQ(fake::log_header_pos(), static_cast<int>(fake::read_log().size()));
 }
 
-TEST(LogFile, FunctionNameAndLineSitBetweenPidAndMessage)
+TEST(LogFile, ReopenCarriesOnFromTheHeaderOrRestartsAtSixteen)
 {
-    strcpy(vob_proc_name, "unit");
-    vobrel_write_to_log("my_func", 42, "msg %s", "text");
-    vobrel_write_to_log(nullptr, 42, "plain");
-    EXPECT_EQ(access((fake::log_dir() + "/vobrel.log.unit").c_str(), F_OK), 0);
-    EXPECT_EQ(fake::log_messages(), (std::vector<std::string>{"my_func(42): msg text", "plain"}));
-}
-
-TEST(LogFile, ReopenCarriesOnAtHeaderPositionAndNumber)
-{
-    std::string old = header(500, 7) + std::string(484, 'o');
-    write_file(fake::log_path(), old);
-    vobrel_write_to_log(nullptr, 0, "after reopen");
-    std::string s = fake::read_log();
-    EXPECT_EQ(s.substr(16, 484), std::string(484, 'o'));
-    EXPECT_EQ(s.substr(500, strlen(kBanner)), kBanner);
-    auto recs = fake::log_records();
-    ASSERT_EQ(recs.size(), 1u);
-    EXPECT_EQ(recs[0].number, 7);
-    EXPECT_EQ(fake::log_header_number(), 7);
-}
-
-TEST(LogFile, UnusableHeaderPositionRestartsAtSixteenKeepingTheNumber)
-{
-    // Position 0, at or beyond the limit, an empty file, or not a number.
+    // A usable position is carried on from; position 0, one at or beyond the
+    // limit, an empty file or a header that is no number restart at byte 16.
+    // The record number is kept either way.
     struct Case {
         std::string bytes;
+        size_t banner_at;
         int number;
     };
-    const Case cases[] = {{header(0, 9) + std::string(100, 'z'), 9},
-                          {header(4000, 3) + std::string(5000, 'z'), 3},
-                          {header(5000, 3) + std::string(5000, 'z'), 3},
-                          {"", 0},
-                          {"garbage!garbage!tail", 0}};
+    const Case cases[] = {{header(500, 7) + std::string(484, 'o'), 500, 7},
+                          {header(0, 9) + std::string(100, 'z'), 16, 9},
+                          {header(4000, 3) + std::string(5000, 'z'), 16, 3},
+                          {header(5000, 3) + std::string(5000, 'z'), 16, 3},
+                          {"", 16, 0},
+                          {"garbage!garbage!tail", 16, 0}};
     fake::set_log_file_size(4000);
     for (size_t i = 0; i < std::size(cases); ++i) {
         snprintf(vob_proc_name, sizeof vob_proc_name, "case%zu", i);
@@ -111,7 +93,7 @@ TEST(LogFile, UnusableHeaderPositionRestartsAtSixteenKeepingTheNumber)
             vobrel_write_to_log(nullptr, 0, "r");
             std::string s = fake::read_log();
             auto recs = fake::log_records();
-            bool ok = s.substr(16, strlen(kBanner)) == kBanner && recs.size() == 1 &&
+            bool ok = s.substr(cases[i].banner_at, strlen(kBanner)) == kBanner && recs.size() == 1 &&
                       recs[0].number == cases[i].number &&
                       fake::log_header_pos() == static_cast<int>(s.find("}:r") + 3);
             _exit(ok ? 0 : 1);
@@ -147,7 +129,7 @@ TEST(LogFile, WrapsAtLimitWithBannerAndNumberZero)
     EXPECT_GT(written, 5);
 }
 
-TEST(LogFile, PlatformFailureDropsRecordsAndRetriesEveryCall)
+TEST(LogFile, FailedInitialisationDropsRecordsAndRetriesEveryCall)
 {
     testing::internal::CaptureStdout();
     fake::set_log_store_status(1, VOBREL_PLATFORM_NOT_INITED);
@@ -162,41 +144,24 @@ TEST(LogFile, PlatformFailureDropsRecordsAndRetriesEveryCall)
     fake::set_log_store_status(2, VOBREL_PLATFORM_OK);
     fake::set_log_file_size(-1);
     vobrel_write_to_log(nullptr, 0, "lost 5");
-    EXPECT_EQ(fake::read_log(), "");
     fake::set_log_file_size(0);
+    for (int nth : {0, 1}) { // no memory for the path, then for the file name
+        allocfail::Guard g;
+        allocfail::fail_nth(nth);
+        vobrel_write_to_log(nullptr, 0, "lost 6");
+    }
+    fake::set_log_store_path(fake::log_dir() + "/no/such/dir/app.log"); // fails silently
+    vobrel_write_to_log(nullptr, 0, "lost 7");
+    fake::set_log_store_path("");
+    EXPECT_EQ(fake::read_log(), "");
     vobrel_write_to_log(nullptr, 0, "kept");
     const std::string first = "vobrel_platform_get_log_store_path() failed with error code 3 path len 0\n";
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               first + first + "vobrel_platform_get_log_store_path() failed with error code 0 path len -4\n" +
                   "Platform get log store failed with error code 5 and file size 0\n" +
-                  "Platform get log store failed with error code 0 and file size -1\n");
-    EXPECT_EQ(fake::log_messages(), std::vector<std::string>{"kept"});
-}
-
-TEST(LogFile, MemoryShortageForPathOrNameIsReportedAndRetried)
-{
-    for (int nth : {0, 1}) { // path buffer, then file name
-        allocfail::Guard g;
-        testing::internal::CaptureStdout();
-        allocfail::fail_nth(nth);
-        vobrel_write_to_log(nullptr, 0, "lost");
-        allocfail::reset();
-        EXPECT_EQ(testing::internal::GetCapturedStdout(),
-                  "Platform get log store failed with memory allocation failure\n")
-            << nth;
-    }
-    vobrel_write_to_log(nullptr, 0, "kept");
-    EXPECT_EQ(fake::log_messages(), std::vector<std::string>{"kept"});
-}
-
-TEST(LogFile, UncreatableFileFailsSilently)
-{
-    fake::set_log_store_path(fake::log_dir() + "/no/such/dir/app.log");
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(vobrel_write_to_log(nullptr, 0, "lost"), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-    fake::set_log_store_path("");
-    vobrel_write_to_log(nullptr, 0, "kept");
+                  "Platform get log store failed with error code 0 and file size -1\n" +
+                  "Platform get log store failed with memory allocation failure\n" +
+                  "Platform get log store failed with memory allocation failure\n");
     EXPECT_EQ(fake::log_messages(), std::vector<std::string>{"kept"});
 }
 
@@ -270,18 +235,12 @@ TEST(LogFile, WriterWaitingDuringInitialisationSurvivesSignals)
     EXPECT_EQ(fake::log_store_calls(), 2); // initialised once
 }
 
-TEST(LogFile, TimeStampFormatAndLimits)
+TEST(LogFile, TimeStampLimits)
 {
+    // The full format is checked by every record the tests parse.
     EXPECT_STREQ(vob_mk_time_str(nullptr, 50), "Time error");
-    char buf[50];
+    char buf[10];
     vob_mk_time_str(buf, sizeof buf);
-    ASSERT_EQ(strlen(buf), 19u);
-    for (int i : {4, 7})
-        EXPECT_EQ(buf[i], '/');
-    EXPECT_EQ(buf[10], '-');
-    char small[10];
-    memset(small, 'x', sizeof small);
-    vob_mk_time_str(small, 10);
-    EXPECT_EQ(strlen(small), 9u);
-    EXPECT_EQ(std::string(small), std::string(buf).substr(0, 9));
+    EXPECT_EQ(strlen(buf), 9u);
+    EXPECT_EQ(buf[4], '/');
 }

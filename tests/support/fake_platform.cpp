@@ -20,7 +20,6 @@ std::mutex mu;
 std::vector<fake::SyslogLine> g_syslog;
 std::vector<std::string> g_buginf;
 int g_thread_rc = 0;
-int g_thread_calls = 0;
 fake::ThreadCreateCall g_last_thread{};
 vobrel_platform_status_type g_store_status[3] = {VOBREL_PLATFORM_OK, VOBREL_PLATFORM_OK, VOBREL_PLATFORM_OK};
 int g_store_len = 0;
@@ -76,7 +75,6 @@ int vobrel_xos_thread_create(pthread_t *thread_id, const pthread_attr_t *attr, v
     int rc;
     {
         std::lock_guard<std::mutex> g(mu);
-        ++g_thread_calls;
         g_last_thread = {attr == nullptr, name ? name : "", flags, arg};
         rc = g_thread_rc;
     }
@@ -164,12 +162,6 @@ ThreadCreateCall last_thread_create()
 {
     std::lock_guard<std::mutex> g(mu);
     return g_last_thread;
-}
-
-int thread_create_calls()
-{
-    std::lock_guard<std::mutex> g(mu);
-    return g_thread_calls;
 }
 
 void set_log_store_status(int call, vobrel_platform_status_type status)

@@ -31,7 +31,6 @@ struct ThreadCreateCall {
     void *arg;
 };
 ThreadCreateCall last_thread_create();
-int thread_create_calls();
 
 // Log store: make call 1 (length query) or call 2 (path query) return `status`;
 // override the reported length or size limit (0 means: use the real value).
