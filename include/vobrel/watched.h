@@ -84,8 +84,16 @@ typedef struct watched_queue_ {
     pthread_mutex_t mutex;
 } watched_queue;
 
-/* A POSIX read-write lock whose lock operations give up after 15 seconds. */
+/* A POSIX read-write lock whose lock operations give up after 15 seconds.
+ * Strict ISO C builds without POSIX feature macros do not see pthread_rwlock_t
+ * (glibc declares it only with the X/Open 2001 or UNIX 98 feature sets); such
+ * clients get an incomplete type instead, which is all they need, since a lock
+ * is only ever handled through the pointer that create_watched_rwlock returns. */
+#if defined(__USE_XOPEN2K) || defined(__USE_UNIX98)
 typedef pthread_rwlock_t watched_rwlock;
+#else
+typedef struct watched_rwlock_ watched_rwlock;
+#endif
 
 /* Watched boolean. Create gives null when no memory. */
 VOBREL_API watched_boolean *create_watched_boolean(const char *name, int flags);
