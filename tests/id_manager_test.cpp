@@ -20,14 +20,9 @@ using Lines = std::vector<std::string>;
 using Pair = std::pair<unsigned, unsigned>;
 int v[8];
 
-// The system-log lines since the last call.
 Lines lines()
 {
-    Lines out;
-    for (const auto &l : fake::syslog_lines())
-        out.push_back(l.line);
-    fake::clear_recordings();
-    return out;
+    return fake::take_syslog_texts();
 }
 
 std::string inv(const char *what, unsigned id)

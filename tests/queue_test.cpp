@@ -21,14 +21,9 @@ namespace {
 using Lines = std::vector<std::string>;
 struct Elem { Elem *next; int key; };
 
-// The system-log lines since the last call.
 Lines lines()
 {
-    Lines out;
-    for (const auto &l : fake::syslog_lines())
-        out.push_back(l.line);
-    fake::clear_recordings();
-    return out;
+    return fake::take_syslog_texts();
 }
 
 const char kLinked[] = "%%SYS-2-LINKED:Bad %s of %x in queue %x";

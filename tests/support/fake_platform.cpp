@@ -152,6 +152,17 @@ void clear_recordings()
     g_buginf.clear();
 }
 
+std::vector<std::string> take_syslog_texts()
+{
+    std::lock_guard<std::mutex> g(mu);
+    std::vector<std::string> out;
+    for (const auto &l : g_syslog)
+        out.push_back(l.line);
+    g_syslog.clear();
+    g_buginf.clear();
+    return out;
+}
+
 void set_thread_create_result(int rc)
 {
     std::lock_guard<std::mutex> g(mu);

@@ -19,6 +19,8 @@ struct SyslogLine {
 std::vector<SyslogLine> syslog_lines();
 std::vector<std::string> buginf_texts();
 void clear_recordings();
+// The system-log lines alone, since the last clear; clears the recordings.
+std::vector<std::string> take_syslog_texts();
 
 // Thread creation: 0 (default) really starts the thread; any other value is
 // returned without starting one.
