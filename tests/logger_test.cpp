@@ -82,14 +82,14 @@ TEST(LogFile, ReopenCarriesOnFromTheHeaderOrRestartsAtSixteen)
                           {"garbage!garbage!tail", 16, 0}};
     fake::set_log_file_size(4000);
     for (size_t i = 0; i < std::size(cases); ++i) {
-        snprintf(vob_proc_name, sizeof vob_proc_name, "case%zu", i);
+        snprintf(vob_proc_name, sizeof vob_proc_name, "case%c", static_cast<char>('a' + i));
         write_file(fake::log_path(), cases[i].bytes);
     }
     // Only the first call opens a file, so each case is checked in a child.
     for (size_t i = 0; i < std::size(cases); ++i) {
         pid_t pid = fork();
         if (pid == 0) {
-            snprintf(vob_proc_name, sizeof vob_proc_name, "case%zu", i);
+            snprintf(vob_proc_name, sizeof vob_proc_name, "case%c", static_cast<char>('a' + i));
             vobrel_write_to_log(nullptr, 0, "r");
             std::string s = fake::read_log();
             auto recs = fake::log_records();
