@@ -5,47 +5,20 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include <vobrel/util.h>
 
 #include "support/alloc_fail.h"
 
-// Splits `buf` in place and releases the result as a caller would: the tokens
-// (a null slot reads "<null>"), or "rc N" on failure. `fail` is the 0-based
-// allocation to fail, if any.
-static std::vector<std::string> split(std::string &buf, int len, std::string delim, int fail = -1)
-{
-    int n = -1;
-    char **sentinel = reinterpret_cast<char **>(&n), **strings = sentinel;
-    if (fail >= 0)
-        allocfail::fail_nth(fail);
-    vobrel_rc rc = vobrel_parse_delim_buffer(buf.data(), len, delim.data(), &strings, &n);
-    allocfail::reset();
-    if (rc != VOBREL_OK) {
-        EXPECT_TRUE(n == -1 && strings == (fail >= 0 ? nullptr : sentinel)) << "outputs wrong after failure";
-        return {"rc " + std::to_string(rc)};
-    }
-    std::vector<std::string> out;
-    for (int i = 0; i < n; free(strings[i++]))
-        out.push_back(strings[i] ? strings[i] : "<null>");
-    EXPECT_EQ(strings[n], nullptr) << "array not terminated";
-    free(strings);
-    return out;
-}
-
 TEST(BoundedCopy, TerminatesAndWritesNothingPastTheNul)
 {
-    char buf[10];
-    memset(buf, 'x', sizeof buf);
-    EXPECT_EQ(zel_sstrncpy(buf, "ab", sizeof buf), buf);
-    EXPECT_EQ(std::string(buf, sizeof buf), std::string("ab\0xxxxxxx", 10));
-    zel_sstrncpy(buf, "abcdef", 4);
-    zel_sstrncpy(buf + 5, "abc", 1);
-    zel_sstrncpy(buf + 6, nullptr, 3);
-    zel_sstrncpy(buf + 7, "abc", 0); // no room, not even for the NUL
-    EXPECT_EQ(std::string(buf, 8), std::string("abc\0x\0\0x", 8));
+    char buf[11] = "xxxxxxxxxx";
+    EXPECT_EQ(zel_sstrncpy(buf, "ab", 9), buf);
+    zel_sstrncpy(buf + 4, "abcdef", 3);
+    zel_sstrncpy(buf + 7, "abc", 1);
+    zel_sstrncpy(buf + 8, nullptr, 3);
+    zel_sstrncpy(buf + 9, "abc", 0); // no room, not even for the NUL
+    EXPECT_EQ(std::string(buf, 10), std::string("ab\0xab\0\0\0x", 10));
 
     EXPECT_EQ(check_strlen("abc", 3), 0);
     EXPECT_EQ(check_strlen("abcd", 3), 1);
@@ -54,55 +27,60 @@ TEST(BoundedCopy, TerminatesAndWritesNothingPastTheNul)
 
 TEST(Duration, OneAndTwoUnitForms)
 {
-    struct Row { time_t secs; size_t len; const char *one, *two; };
+    // `two` (when it differs from `one`) is the text with a second unit.
+    struct Row { time_t secs; const char *one, *two = nullptr; size_t len = 64; };
     const Row rows[] = {
-        {0, 64, "0 minutes", "0 minutes"},
-        {59, 64, "0 minutes", "0 minutes"}, // seconds never count towards minutes
-        {60, 64, "1 minutes", "1 minutes"},
-        {3359, 64, "55 minutes", "55 minutes"},
-        {3360, 64, "1 hour ", "1 hour "}, // 56 minutes carry to an hour
-        {5400, 64, "1 hour ", "1 hour  and 30 minutes"},
-        {7800, 64, "2 hours", "2 hours and 10 minutes"},
-        {90000, 64, "1 day ", "1 day  and 1 hour "},
-        {2 * 86400 + 1800, 64, "2 days", "2 days"}, // minutes under days are not shown
-        {604560, 64, "1 week ", "1 week "},         // 6d 23h 56m carried up to a week
-        {709200, 64, "1 week ", "1 week  and 1 day "},
-        {1483200, 64, "2 weeks", "2 weeks and 3 days"},
-        {1483200, 5, "2 we", "2 we"},
+        {0, "0 minutes"}, {59, "0 minutes"}, {60, "1 minutes"}, // seconds never count towards minutes
+        {3359, "55 minutes"}, {3360, "1 hour "},                // 56 minutes carry to an hour
+        {5400, "1 hour ", "1 hour  and 30 minutes"}, {7800, "2 hours", "2 hours and 10 minutes"},
+        {90000, "1 day ", "1 day  and 1 hour "}, {2 * 86400 + 1800, "2 days"}, // minutes under days are not shown
+        {604560, "1 week "}, {709200, "1 week ", "1 week  and 1 day "},     // 6d 23h 56m carry up to a week
+        {1483200, "2 weeks", "2 weeks and 3 days"}, {1483200, "2 we", nullptr, 5},
     };
     for (const Row &r : rows)
         for (int expired : {0, 1, 2}) { // only exactly 1 selects two units
             std::string buf(64, '#');
             vobrel_convert_time_to_string(static_cast<boolean>(expired), r.secs, buf.data(), r.len);
-            EXPECT_STREQ(buf.c_str(), expired == 1 ? r.two : r.one) << r.secs << " expired " << expired;
+            EXPECT_STREQ(buf.c_str(), expired == 1 && r.two ? r.two : r.one) << r.secs << "s, expired " << expired;
         }
 }
 
 TEST(Split, TokensCutsAndFailures)
 {
-    // fail: the allocation to fail (scratch copy, array, then one per token);
-    // after: the buffer afterwards, NULs shown as |.
-    struct Row { const char *text; int len; const char *delim; int fail;
-                 std::vector<std::string> tokens; const char *after; };
+    // fail: the allocation to fail (scratch copy, array, then one per token; 9: none);
+    // out: the tokens, each ended by |, or "rc N"; after: the buffer, NULs shown as |.
+    struct Row { const char *in; int len; const char *delim; int fail; const char *out, *after; };
     const Row rows[] = {
-        {"a,,b,", 5, ",", -1, {"a", "b"}, "a|,b|"},
-        {",,,,", 4, ",", -1, {}, ",,,,"},
-        {" a;b,, c", 8, " ;,", -1, {"a", "b", "c"}, " a|b|, c"},
-        {"one,two,three,four", 9, ",", -1, {"one", "two", "t"}, "one|two|three,four"}, // longer than len
-        {"a,b", 0, ",", -1, {"rc 1"}, "a,b"},
-        {"a,b", -1, ",", -1, {"rc 1"}, "a,b"},
-        {"a,b,c", 5, ",", 0, {"rc 1"}, "a,b,c"},
-        {"a,b,c", 5, ",", 1, {"rc 1"}, "a,b,c"},
-        {"a,b,c", 5, ",", 2, {"<null>", "b", "c"}, "a|b|c"},
+        {"a,,b,", 5, ",", 9, "a|b|", "a|,b|"},
+        {",,,,", 4, ",", 9, "", ",,,,"},
+        {" a;b,, c", 8, " ;,", 9, "a|b|c|", " a|b|, c"},
+        {"one,two,three,four", 9, ",", 9, "one|two|t|", "one|two|three,four"}, // longer than len
+        {"a,b", 0, ",", 9, "rc 1", "a,b"},
+        {"a,b", -1, ",", 9, "rc 1", "a,b"},
+        {"a,b,c", 5, ",", 0, "rc 1", "a,b,c"},
+        {"a,b,c", 5, ",", 1, "rc 1", "a,b,c"},
+        {"a,b,c", 5, ",", 2, "<null>|b|c|", "a|b|c"},
     };
     // A caller's own non-re-entrant tokenising keeps its place across splits.
     char outer[] = "x;y";
     strtok(outer, ";");
     for (const Row &r : rows) {
-        std::string buf = r.text;
-        EXPECT_EQ(split(buf, r.len, r.delim, r.fail), r.tokens) << r.text << " fail " << r.fail;
+        SCOPED_TRACE(testing::Message() << r.in << " fail " << r.fail);
+        std::string buf = r.in, delim = r.delim;
+        int n = -1;
+        char **strings = reinterpret_cast<char **>(&n); // a value no call would store
+        allocfail::fail_nth(r.fail);
+        vobrel_rc rc = vobrel_parse_delim_buffer(buf.data(), r.len, delim.data(), &strings, &n);
+        allocfail::reset();
+        std::string got; // tokens each ended by |, released as a caller would
+        for (int i = 0; i < n; free(strings[i++]))
+            got += std::string(strings[i] ? strings[i] : "<null>") + "|";
+        // The array ends in a null slot; a bad length leaves the outputs alone, no memory clears them.
+        EXPECT_TRUE(rc ? n == -1 && strings == (r.len > 0 ? nullptr : reinterpret_cast<char **>(&n)) : !strings[n]);
+        free(rc == VOBREL_OK ? strings : nullptr);
+        EXPECT_EQ(rc != VOBREL_OK ? "rc " + std::to_string(rc) : got, r.out);
         std::replace(buf.begin(), buf.end(), '\0', '|');
-        EXPECT_EQ(buf, r.after) << r.text << " fail " << r.fail;
+        EXPECT_EQ(buf, r.after);
     }
     EXPECT_STREQ(strtok(nullptr, ";"), "y");
 
