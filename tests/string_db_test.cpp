@@ -104,7 +104,7 @@ TEST(StringDbSharing, BadArgumentsAreRefusedAndChangeNothing)
     EXPECT_TRUE(h == 77 && ctx == &h && sdb_number_adds == 3 && sdb_number_searchs == 0 && sdb_number_removals == 0);
 }
 
-TEST(StringDbSharing, SetBlockKeepsEqualBytesAndReplacesOthers)
+TEST(StringDbSharing, SetBlockKeepsEqualBytesAndReleasesBeforeItAdds)
 {
     const char a[] = {'k', 0, 'x'}, b[] = {'k', 0, 'y'};
     sdb_handle h = 0;
@@ -113,11 +113,38 @@ TEST(StringDbSharing, SetBlockKeepsEqualBytesAndReplacesOthers)
     ASSERT_TRUE(sdb_set_block(a, 3, SDB_BINARY_STRING, &h) && h == first);
     ASSERT_TRUE(sdb_set_block(b, 3, SDB_BINARY_STRING, &h) && h != first); // differs after a zero byte
     EXPECT_TRUE(sdb_number_strings == 1 && memcmp(sdb_block_addr_ptr(h), b, 3) == 0); // the old one went
-    EXPECT_FALSE(sdb_set_block(a, 256, SDB_BINARY_STRING, &h) || sdb_set_block(a, -1, SDB_BINARY_STRING, &h) ||
-                 sdb_set_block(a, 1, SDB_BINARY_STRING, nullptr));
-    // Unchanged by those; a null block releases it and fails.
-    EXPECT_TRUE(memcmp(sdb_block_addr_ptr(h), b, 3) == 0 && !sdb_set_block(nullptr, 3, SDB_BINARY_STRING, &h));
-    EXPECT_TRUE(h == 0 && sdb_number_strings == 0);
+    // The only reference goes first: a folded add then stores the new spelling.
+    ASSERT_TRUE(sdb_set_block("abc", 3, SDB_ASCII_STRING_CASE_INSENSITIVE, &h));
+    ASSERT_TRUE(sdb_set_block("ABC", 3, SDB_ASCII_STRING_CASE_INSENSITIVE, &h));
+    EXPECT_STREQ(sdb_string_addr_ptr(h), "ABC");
+    // Bytes taken from the block being released are still what gets added.
+    ASSERT_TRUE(sdb_set_block("xhello", 6, SDB_BINARY_STRING, &h));
+    ASSERT_TRUE(sdb_set_block(sdb_string_addr_ptr(h) + 1, 4, SDB_BINARY_STRING, &h));
+    EXPECT_STREQ(sdb_string_addr_ptr(h), "hell");
+    // A refused add still released the old reference and cleared the handle.
+    for (int bad : {256, -1}) {
+        ASSERT_TRUE(sdb_set_block("again", 5, SDB_BINARY_STRING, &h));
+        EXPECT_TRUE(!sdb_set_block(a, bad, SDB_BINARY_STRING, &h) && h == 0 && sdb_number_strings == 0);
+    }
+    ASSERT_TRUE(sdb_set_block("again", 5, SDB_BINARY_STRING, &h));
+    EXPECT_TRUE(!sdb_set_block(nullptr, 3, SDB_BINARY_STRING, &h) && h == 0 && sdb_number_strings == 0);
+    EXPECT_FALSE(sdb_set_block(a, 1, SDB_BINARY_STRING, nullptr));
+}
+
+// The growth rule sees the release: replacing the last reference of one of
+// 1280 texts keeps 1280 records, not more than five a bucket.
+TEST(StringDbSharing, SetBlockReplacingALastReferenceDoesNotGrowTheTable)
+{
+    std::vector<sdb_handle> h(1280);
+    for (size_t i = 0; i < h.size(); ++i)
+        ASSERT_TRUE(h[i] = add("text" + std::to_string(i)));
+    ASSERT_EQ(sdb_hash_table_size, 256u);
+    for (int i = 0; i < 300; ++i) { // some replacement lands in a non-empty bucket
+        std::string t = "new" + std::to_string(i);
+        ASSERT_TRUE(sdb_set_block(t.c_str(), static_cast<int>(t.size()), SDB_BINARY_STRING, &h[0]));
+    }
+    EXPECT_TRUE(sdb_hash_table_size == 256u && sdb_number_strings == 1280u && sdb_maximum_sharing_count == 1u);
+    expect_consistent();
 }
 
 TEST(StringDbMatching, CaseInsensitiveRecordsAndExactLookups)
@@ -148,10 +175,10 @@ TEST(StringDbOwners, OwnersAndAnonymousReferencesShareOneCountedCopy)
     for (Obj *o : {&a, &b, &c})
         ASSERT_TRUE(add("route", n, o) && (o->sdb_handle & 3) == 1);
     EXPECT_EQ(sdb_number_strings, 1u);
-    void *order[] = {nullptr, &c, &b, &a, nullptr};
+    void *order[] = {&c, &c, &b, &a, nullptr}; // a negative index steps no times
     for (int i = -1; i <= 3; ++i)
         EXPECT_EQ(find("route", i, n), order[i + 1]) << i;
-    EXPECT_TRUE(find("route", 0, u) == &x && find("route", 1, u) == nullptr);
+    EXPECT_TRUE(find("route", 0, u) == &x && find("route", -1, u) == &x && find("route", 1, u) == nullptr);
     EXPECT_FALSE(sdb_remove_string(b.sdb_handle, &a) || sdb_remove_string(x.sdb_handle, &a)); // not a's
     EXPECT_TRUE(sdb_remove_string(b.sdb_handle, &b) && find("route", 1, n) == &a);
     // An anonymous reference ignores the object; there were two of them.
@@ -197,6 +224,7 @@ TEST(StringDbRegistration, FreedIdsLoseTheirRecordsAtOnceAndAreReusedLowestFirst
                  sdb_unregister_component(3, nullptr));
     ASSERT_TRUE(sdb_unregister_component(3, cb) && sdb_unregister_component(1, cb));
     EXPECT_FALSE(sdb_unregister_component(3, cb) || add("kept", 3, &a)); // a freed id adds nothing
+    EXPECT_TRUE(sdb_unregister_component(3, nullptr)); // its cleared callback matches; nothing changes
     EXPECT_EQ(sdb_number_strings, 1u);
     expect_consistent(); // no record of a freed id is left
     EXPECT_TRUE(reg("x", true) == 1 && reg("y", false) == 3 && reg("z", false) == 5);
@@ -218,7 +246,7 @@ TEST(StringDbRegistration, AllIdsTakenClosesRegistrationForGood)
     EXPECT_EQ(id, SDB_NO_OWNER);
 }
 
-TEST(StringDbAllocFail, SetUpRegistrationAndSetBlockFailuresKeepWhatWasThere)
+TEST(StringDbAllocFail, SetUpRegistrationAndSetBlockFailures)
 {
     sdb_handle h = 0;
     ushort id = 3;
@@ -226,7 +254,8 @@ TEST(StringDbAllocFail, SetUpRegistrationAndSetBlockFailuresKeepWhatWasThere)
     EXPECT_FALSE(sdb_add_block("t", 1, &h) || sdb_register_component(const_cast<char *>("r"), cb, FALSE, &id));
     sdb_initialize_subsystem();
     allocfail::reset();
-    EXPECT_TRUE(sdb_hash_table == nullptr && id == SDB_NO_OWNER && sdb_max_users == 0);
+    // No table: registration fails before it looks at its arguments.
+    EXPECT_TRUE(sdb_hash_table == nullptr && id == 3 && sdb_max_users == 0);
     sdb_initialize_subsystem(); // retried
     ASSERT_TRUE(sdb_test_owner_id == 0 && sdb_set_block("old", 3, SDB_BINARY_STRING, &h));
     sdb_handle before = h;
@@ -234,10 +263,10 @@ TEST(StringDbAllocFail, SetUpRegistrationAndSetBlockFailuresKeepWhatWasThere)
     EXPECT_FALSE(sdb_register_component(const_cast<char *>("r"), cb, FALSE, &id) ||
                  sdb_set_block("new", 3, SDB_BINARY_STRING, &h));
     allocfail::reset();
-    EXPECT_TRUE(id == SDB_NO_OWNER && sdb_max_users == 1 && h == before);
+    // The old block went before the add failed.
+    EXPECT_TRUE(id == SDB_NO_OWNER && sdb_max_users == 1 && h == 0 && before != 0 && sdb_number_strings == 0);
     EXPECT_STREQ(sdb_owner_info_array[0].owner_name, "SDB Test Driver Code");
-    EXPECT_STREQ(sdb_string_addr_ptr(h), "old");
-    EXPECT_TRUE(reg("r", false) == 1 && sdb_number_strings == 1);
+    EXPECT_TRUE(reg("r", false) == 1);
 }
 
 // Each add of a workload that doubles the table twice meets every allocation

@@ -131,13 +131,16 @@ VOBREL_API extern uint32_t sdb_deepest_collision_count;
  * Driver Code", not unique), writing its id to sdb_test_owner_id. */
 VOBREL_API void sdb_initialize_subsystem(void);
 
-/* Registers a component and writes its id (0xFFFF on failure). The lowest free
+/* Registers a component and writes its id (0xFFFF on a failure after the
+ * arguments were checked). The lowest free
  * id is reused first. Once all 65535 ids have been handed out, registration
  * fails from then on. The same name or callback may be registered twice. */
 VOBREL_API boolean sdb_register_component(char *component_name, sdb_handle (*get_sdb_handle)(void *),
                                           boolean unique, ushort *owner_id);
 /* Frees a registered id; `get_sdb_handle` must be the registered callback. The
- * component's owner records are released (see above). */
+ * component's owner records are released (see above). A freed id's entry is
+ * cleared, so freeing it again with a null callback succeeds and changes
+ * nothing. */
 VOBREL_API boolean sdb_unregister_component(ushort owner_id, sdb_handle (*get_sdb_handle)(void *));
 
 /* Stores or shares `len` bytes and writes a handle. Owner id 0xFFFF (or any
@@ -146,7 +149,7 @@ VOBREL_API boolean sdb_unregister_component(ushort owner_id, sdb_handle (*get_sd
 VOBREL_API boolean sdb_add_string(const char *buf, int len, sdb_string_types type, sdb_handle *handle,
                                   ushort owner_id, void *owner_context);
 /* Whether owner `id` holds the text through its `index`-th object (0 the
- * newest), confirmed by the component's callback; the object goes to
+ * newest; a negative index counts as 0), confirmed by the component's callback; the object goes to
  * *context. An unconfirmed association is removed and the find fails. */
 VOBREL_API boolean sdb_find_string(const char *buf, int len, sdb_string_types type, int index, ushort id,
                                    void **context);
@@ -156,10 +159,11 @@ VOBREL_API boolean sdb_remove_string(sdb_handle owner_handle, void *owner_contex
 
 /* An anonymous binary add. */
 VOBREL_API boolean sdb_add_block(const void *buf, int len, sdb_handle *handle);
-/* Makes *handle refer to `buf`: kept when the bytes are equal, otherwise `buf`
- * is added anonymously and then the old reference released. When that add
- * fails, the old reference and *handle stay as they were. A null `buf`
- * releases the old block and fails with a null handle. */
+/* Makes *handle refer to `buf`: kept when the bytes are equal; otherwise the
+ * old reference is released and *handle cleared first, then `buf` is added
+ * anonymously and that add's result returned. A refused add (null `buf`, bad
+ * length, no memory) thus leaves *handle null and the old reference gone.
+ * `buf` may point into the block being released: it is copied first. */
 VOBREL_API boolean sdb_set_block(const void *buf, int len, sdb_string_types type, sdb_handle *handle);
 /* sdb_remove_string(handle, NULL). */
 VOBREL_API void sdb_remove_block(sdb_handle handle);

@@ -173,6 +173,15 @@ size_t byte_area(int len)
     return (static_cast<size_t>(len) / kRecordAlign + 1) * kRecordAlign;
 }
 
+// Whether `p` points into the allocation holding the record and its bytes.
+bool inside_text_block(const sdb_string *s, const void *p)
+{
+    auto lo = reinterpret_cast<uintptr_t>(s) - s->sdb_offset;
+    auto hi = reinterpret_cast<uintptr_t>(s + 1);
+    auto at = reinterpret_cast<uintptr_t>(p);
+    return at >= lo && at < hi;
+}
+
 bool valid_len(int len)
 {
     return len >= 0 && len <= kMaxLen;
@@ -475,11 +484,11 @@ void sdb_initialize_subsystem(void)
 boolean sdb_register_component(char *component_name, sdb_handle (*get_sdb_handle)(void *), boolean unique,
                                ushort *owner_id)
 {
+    if (!sdb_init_memory())
+        return FALSE;
     if (!component_name || !get_sdb_handle || !owner_id)
         return FALSE;
     *owner_id = SDB_NO_OWNER;
-    if (!sdb_init_memory())
-        return FALSE;
     // Once every id has been handed out, registration is closed for good,
     // even if some of them have been freed since.
     if (sdb_max_users == SDB_NO_OWNER)
@@ -510,11 +519,15 @@ boolean sdb_register_component(char *component_name, sdb_handle (*get_sdb_handle
 
 boolean sdb_unregister_component(ushort owner_id, sdb_handle (*get_sdb_handle)(void *))
 {
-    if (owner_id == SDB_NO_OWNER || owner_id >= sdb_max_users || !get_sdb_handle)
+    if (owner_id == SDB_NO_OWNER || owner_id >= sdb_max_users)
         return FALSE;
     sdb_owner_info *info = &sdb_owner_info_array[owner_id];
-    if (info->unregistered || info->get_sdb_handle != get_sdb_handle)
+    if (info->get_sdb_handle != get_sdb_handle)
         return FALSE;
+    // A freed entry is cleared, so only a null callback gets here for it;
+    // freeing it again changes nothing.
+    if (info->unregistered)
+        return TRUE;
     release_owner_id(owner_id);
     memset(info, 0, sizeof *info);
     info->unregistered = TRUE;
@@ -601,7 +614,8 @@ boolean sdb_add_string(const char *buf, int len, sdb_string_types type, sdb_hand
 
 boolean sdb_find_string(const char *buf, int len, sdb_string_types type, int index, ushort id, void **context)
 {
-    if (!buf || !context || !valid_len(len) || index < 0)
+    // A negative index steps no times: it means the newest object.
+    if (!buf || !context || !valid_len(len))
         return FALSE;
     ++sdb_number_searchs;
     Lookup where;
@@ -686,28 +700,23 @@ boolean sdb_add_block(const void *buf, int len, sdb_handle *handle)
 
 boolean sdb_set_block(const void *buf, int len, sdb_string_types type, sdb_handle *handle)
 {
-    if (!handle || (buf && !valid_len(len)))
+    if (!handle)
         return FALSE;
-    sdb_handle old = *handle;
-    sdb_string *s = sdb_handle_string(old);
-    if (!buf) {
-        if (s) {
-            sdb_remove_string(old, nullptr);
-            *handle = 0;
+    sdb_string *s = sdb_handle_string(*handle);
+    char copy[kMaxLen + 1];
+    if (s) {
+        if (buf && s->len == len && memcmp(text_bytes(s), buf, static_cast<size_t>(len)) == 0)
+            return TRUE;
+        // The old reference goes first, so the add sees the table without it;
+        // bytes taken from the block about to be released are copied out.
+        if (buf && valid_len(len) && inside_text_block(s, buf)) {
+            memcpy(copy, buf, static_cast<size_t>(len));
+            buf = copy;
         }
-        return FALSE;
+        sdb_remove_string(*handle, nullptr);
+        *handle = 0;
     }
-    if (s && s->len == len && memcmp(text_bytes(s), buf, static_cast<size_t>(len)) == 0)
-        return TRUE;
-    // The new reference is taken before the old one goes, so a failed add
-    // leaves the caller's block and handle as they were.
-    sdb_handle fresh;
-    if (!sdb_add_string(static_cast<const char *>(buf), len, type, &fresh, SDB_NO_OWNER, nullptr))
-        return FALSE;
-    if (s)
-        sdb_remove_string(old, nullptr);
-    *handle = fresh;
-    return TRUE;
+    return sdb_add_string(static_cast<const char *>(buf), len, type, handle, SDB_NO_OWNER, nullptr);
 }
 
 void sdb_remove_block(sdb_handle handle)
