@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <set>
+#include <type_traits>
 
 #include <vobrel/errmsg.h>
 #include <vobrel/logger.h>
@@ -98,6 +99,9 @@ TEST(DebugOutput, ShortTextsUseTheStackLongOnesTheHeapOrTheFirst195Bytes)
         fake::clear_recordings();
     }
 }
+
+// C++ callers see the same representation as C ones (tests/abi/strict_c11.c).
+static_assert(sizeof(vobrel_rc) == 4 && std::is_signed_v<std::underlying_type_t<vobrel_rc>>);
 
 TEST(ReturnCodes, EveryCodeHasItsOwnTextAndOutOfRangeIsUnknown)
 {

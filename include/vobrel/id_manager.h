@@ -72,6 +72,7 @@ typedef struct _entry_t {
     uint8_t tableNumber;   /* the slot holding the entry */
 } entry_t;
 
+/* Unsigned 32-bit (all values non-negative), as the operations return it. */
 typedef enum id_mgr_ret_t {
     ID_MGR_RET_OK = 0,
     ID_MGR_RET_ERROR = 1,     /* bad table, identifier out of range, no memory */

@@ -11,6 +11,7 @@
 
 VOBREL_BEGIN_DECLS
 
+/* Unsigned 32-bit (all values non-negative); only VOBREL_PLATFORM_OK is success. */
 typedef enum vobrel_platform_status_type_ {
     VOBREL_PLATFORM_OK = 0,
     VOBREL_PLATFORM_UNSUPPORTED = 1,

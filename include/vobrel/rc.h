@@ -6,8 +6,11 @@
 
 VOBREL_BEGIN_DECLS
 
-/* Codes run from 0 to 141 without gaps; VOBREL_END_OF_ERROR_CODE is one past. */
+/* Codes run from 0 to 141 without gaps; VOBREL_END_OF_ERROR_CODE is one past.
+ * The type is signed 32-bit in C and C++: VOBREL_RC_SIGNED_ is a sentinel that
+ * no function returns, there only so that (vobrel_rc)-1 < 0 holds. */
 typedef enum vobrel_rc_ {
+    VOBREL_RC_SIGNED_ = -2147483647 - 1,
     VOBREL_OK = 0,
     VOBREL_INVALID_ARGS = 1,
     VOBREL_OUT_OF_RANGE = 2,

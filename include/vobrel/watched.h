@@ -52,7 +52,8 @@ typedef enum RWPOLICY_ {
     RW_PRIO = 3
 } RWPOLICY;
 
-/* RWNOMEM, RWNOTOWNER and RWORPHAN are never produced. */
+/* RWNOMEM, RWNOTOWNER and RWORPHAN are never produced. All values are
+ * non-negative, so the type is an unsigned 32-bit integer. */
 typedef enum RWRETVAL_ {
     RWOK = 0,
     RWNOTOK = 1,
