@@ -6,9 +6,11 @@
 #include <csignal>
 #include <cstring>
 #include <fstream>
+#include <cstdlib>
 #include <pthread.h>
 #include <set>
 #include <thread>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <vobrel/logger.h>
@@ -170,6 +172,98 @@ TEST(LogFile, WriterWaitingDuringInitialisationSurvivesSignals)
     second.join();
     EXPECT_EQ(fake::log_messages(), (Lines{"first", "second"}));
     EXPECT_EQ(fake::log_store_calls(), 2); // initialised once
+}
+
+TEST(LogFile, WriterArrivingDuringAFailingInitialisationDropsItsRecord)
+{
+    // The platform fails after a pause; a writer that arrives meanwhile waits
+    // for that initialisation, finds no file and drops its record: one
+    // platform call and one failure line, not two.
+    testing::internal::CaptureStdout();
+    fake::set_log_store_status(1, VOBREL_PLATFORM_NOT_INITED);
+    fake::set_log_store_hook(slow_store);
+    std::thread first([] { vobrel_write_to_log(nullptr, 0, "first"); });
+    while (!init_entered)
+        usleep(1000);
+    fake::set_log_store_hook(nullptr);
+    std::thread second([] { vobrel_write_to_log(nullptr, 0, "second"); });
+    usleep(20000);
+    init_release = true;
+    first.join();
+    second.join();
+    EXPECT_EQ(fake::log_store_calls(), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "vobrel_platform_get_log_store_path() failed with error code 3 path len 0\n");
+    fake::set_log_store_status(1, VOBREL_PLATFORM_OK); // the next call retries
+    vobrel_write_to_log(nullptr, 0, "third");
+    EXPECT_EQ(fake::log_messages(), Lines{"third"});
+}
+
+// A child process writes from four threads until it is killed (SIGKILL, at a
+// random moment); the next child reopens the same file. After every kill the
+// header must name the end of a whole record and that record's number, and a
+// reopened file must number its first record as the header said.
+// VOBREL_CRASH_KILLS sets the number of kills (default 40).
+namespace {
+
+[[noreturn]] void write_until_killed(int seed)
+{
+    for (int t = 0; t < 4; ++t)
+        std::thread([t, seed] {
+            for (int i = 0;; ++i)
+                vobrel_write_to_log(nullptr, 0, "s%d-t%d-%d-%.*sEND", seed, t, i, (i * 7 + t) % 40, "xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx");
+        }).detach();
+    pause();
+    _exit(0);
+}
+
+// The number in the last "[n]{" before `pos`, or -1.
+long last_number_before(const std::string &s, size_t pos)
+{
+    size_t open = s.rfind("]{", pos);
+    size_t start = open == std::string::npos ? open : s.rfind('[', open);
+    return start == std::string::npos ? -1 : strtol(s.c_str() + start + 1, nullptr, 10);
+}
+
+} // namespace
+
+TEST(LogFile, KilledWritersAlwaysLeaveAHeaderThatAgreesWithTheRecords)
+{
+    const char *env = getenv("VOBREL_CRASH_KILLS");
+    const int kills = env ? atoi(env) : 40, limit = 1 << 20; // wraps every few kills
+    fake::set_log_file_size(limit);
+    fake::log_path(); // the directory is made here, so the children share it
+    srand(static_cast<unsigned>(getpid()));
+    int reopened_checked = 0;
+    for (int k = 0; k < kills; ++k) {
+        const int pos0 = fake::read_log().empty() ? 0 : fake::log_header_pos(), n0 = fake::log_header_number();
+        pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0)
+            write_until_killed(k);
+        usleep(static_cast<useconds_t>(1000 + rand() % 10000));
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        const std::string s = fake::read_log();
+        if (s.size() < 16)
+            continue; // killed before or while it created the file
+        const int pos = fake::log_header_pos(), n = fake::log_header_number();
+        ASSERT_TRUE(pos >= 16 && static_cast<size_t>(pos) <= s.size()) << k;
+        if (pos == 16)
+            continue; // nothing written yet
+        ASSERT_EQ(s.compare(static_cast<size_t>(pos) - 3, 3, "END"), 0) << k << ": header at " << pos;
+        ASSERT_EQ(last_number_before(s, static_cast<size_t>(pos)), n) << k;
+        // The reopened file carried on where the header said, unless it wrapped.
+        if (pos0 > 16 && pos0 < limit && pos > pos0) {
+            size_t banner = s.find("Logger initialized", static_cast<size_t>(pos0));
+            size_t first = s.find("]{", banner);
+            if (banner == static_cast<size_t>(pos0) + 25 && first < static_cast<size_t>(pos)) {
+                ASSERT_EQ(last_number_before(s, first + 1), n0) << k;
+                ++reopened_checked;
+            }
+        }
+    }
+    EXPECT_GT(reopened_checked, kills / 4);
 }
 
 TEST(LogFile, TimeStampLimits)

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <ctime>
 #include <pthread.h>
+#include <sched.h>
 #include <semaphore.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -25,8 +26,9 @@ namespace {
 
 constexpr long kHeaderSize = 16;
 
-// `initialized` is only read and written with logger_sem held, so a thread that
-// arrives during initialisation waits for it instead of dropping its record.
+// `initialized` is set, atomically, before the lock is taken: a thread that
+// arrives while another initialises neither initialises too nor writes before
+// that initialisation has ended (see wait_for_pending_init).
 int initialized;
 sem_t logger_sem;
 pthread_once_t logger_sem_once = PTHREAD_ONCE_INIT;
@@ -64,13 +66,27 @@ int read_header_field(FILE *f)
     return atoi(buf);
 }
 
-void write_header(long pos, uint32_t number)
+// The 16 header bytes go out in one write at offset 0, so a process killed at
+// any moment leaves a header whose position and number belong together. The
+// stream's own position is untouched.
+void write_header(int fd, long pos, uint32_t number)
 {
-    fseek(fp, 0, SEEK_SET);
-    fprintf(fp, "%8d", static_cast<int>(pos));
-    fflush(fp);
-    fprintf(fp, "%8d", static_cast<int>(number));
-    fflush(fp);
+    char hdr[32];
+    int n = snprintf(hdr, sizeof hdr, "%8d%8d", static_cast<int>(pos), static_cast<int>(number));
+    if (pwrite(fd, hdr, static_cast<size_t>(n), 0) < 0) {
+        // Errors while writing are not reported; the next record retries.
+    }
+}
+
+// With the lock held: while no file is open but another thread has claimed
+// the initialisation and not yet taken the lock, let it run first.
+void wait_for_pending_init()
+{
+    while (!fp && __atomic_load_n(&initialized, __ATOMIC_ACQUIRE)) {
+        logger_unlock();
+        sched_yield();
+        logger_lock();
+    }
 }
 
 // Runs with logger_sem held. Returns false when the log cannot be used yet;
@@ -113,10 +129,7 @@ bool logger_init_locked()
             free(file_name);
             return false;
         }
-        fprintf(nf, "%8d", static_cast<int>(kHeaderSize));
-        fflush(nf);
-        fprintf(nf, "%8d", 0);
-        fflush(nf);
+        write_header(fileno(nf), kHeaderSize, 0);
         fclose(nf);
     }
 
@@ -157,11 +170,14 @@ char *vob_mk_time_str(char *buf, int len)
 
 extern "C" int vobrel_write_to_log(const char *func, int lno, const char *fmt, ...)
 {
-    logger_lock();
-    if (!initialized) {
-        initialized = 1;
+    if (__atomic_load_n(&initialized, __ATOMIC_ACQUIRE) == 0 &&
+        __atomic_exchange_n(&initialized, 1, __ATOMIC_ACQ_REL) == 0) {
+        logger_lock();
         if (!logger_init_locked())
-            initialized = 0;
+            __atomic_store_n(&initialized, 0, __ATOMIC_RELEASE);
+    } else {
+        logger_lock();
+        wait_for_pending_init();
     }
     if (!fp) {
         logger_unlock();
@@ -187,9 +203,7 @@ extern "C" int vobrel_write_to_log(const char *func, int lno, const char *fmt, .
     va_end(ap);
     fflush(fp);
 
-    long p = ftell(fp);
-    write_header(p, log_index - 1);
-    fseek(fp, p, SEEK_SET);
+    write_header(fileno(fp), ftell(fp), log_index - 1);
 
     logger_unlock();
     return 0;

@@ -5,7 +5,10 @@
  * position just after the newest record, and that record's number), then text.
  * Records read "\n<time>[<number>]{<pid>}:[<func>(<line>): ]<message>". When the
  * write position reaches the limit, writing wraps to byte 16 and numbering
- * restarts at 0. */
+ * restarts at 0.
+ * Each record is flushed before its header, and the 16 header bytes go out in
+ * one write: a process killed at any moment leaves a header that names a whole
+ * record and that record's number. */
 #ifndef VOBREL_LOGGER_H
 #define VOBREL_LOGGER_H
 
