@@ -9,6 +9,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <sys/stat.h>
@@ -152,4 +153,26 @@ TEST_F(FileUtil, WriteThroughShortAndFailingWritesAndRefuseBadCalls)
     allocfail::reset();
     EXPECT_TRUE(rc == VOBREL_NO_MEMORY && !buf);
     EXPECT_EQ(fake::log_messages(), log); // and TearDown finds the file closed
+}
+
+// A first write that fails removes only the regular file the call opened: a
+// pipe or a symbolic link at the path stays, with the same result and output.
+TEST_F(FileUtil, FailedFirstWriteLeavesWhatIsNotItsOwnRegularFile)
+{
+    const std::string fifo = dir_ + "/pipe", link = dir_ + "/link", any = "\nCould not write any w to file ";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK); // lets the writer's open succeed
+    ASSERT_GE(reader, 0);
+    ASSERT_EQ(symlink(file_.c_str(), link.c_str()), 0);
+    for (const std::string &path : {fifo, link}) {
+        SCOPED_TRACE(path);
+        writes = {path == fifo ? fifo : file_, {-ENOSPC}, {}};
+        int32_t written = -1;
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(vobrel_write_data_to_url(path.c_str(), text100.data(), 100, &written, "w", 0), VOBREL_FSWRITE_FAILED);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), any + path + ": No space left on device\n");
+        struct stat st;
+        EXPECT_TRUE(written == 0 && lstat(path.c_str(), &st) == 0 && (S_ISFIFO(st.st_mode) || S_ISLNK(st.st_mode)));
+    }
+    close(reader);
 }

@@ -44,6 +44,18 @@ off_t vob_file_size(int fd)
     return sb.st_size;
 }
 
+// Closes `fd` and removes `url` only while it is still the regular file open
+// on `fd` (same device and inode, the path itself not followed): a device
+// node, a pipe, a symbolic link or a file put there meanwhile stays.
+void close_and_remove_if_ours(int fd, const char *url)
+{
+    struct stat opened, now;
+    bool regular = fstat(fd, &opened) == 0 && S_ISREG(opened.st_mode);
+    close(fd);
+    if (regular && lstat(url, &now) == 0 && now.st_dev == opened.st_dev && now.st_ino == opened.st_ino)
+        unlink(url);
+}
+
 } // namespace
 
 extern "C" {
@@ -139,8 +151,7 @@ vobrel_rc vobrel_write_data_to_url(const char *url, void *data, int32_t datalen,
     if (w <= 0) {
         ErrText err(errno);
         *writelen = 0;
-        close(fd);
-        unlink(url);
+        close_and_remove_if_ours(fd, url);
         printf("\nCould not write any %s to file %s: %s\n", what, url, err.text);
         log_line("\nCould not write %s to file %s %u %u", what, url, static_cast<unsigned>(datalen),
                  static_cast<unsigned>(w));

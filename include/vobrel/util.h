@@ -81,7 +81,9 @@ VOBREL_API vobrel_rc vobrel_read_input_vobrel_file(const char *fname, char **buf
  * created). VOBREL_FSOPEN_FAILED: cannot open (*writelen 0, printed and
  * logged). VOBREL_FSWRITE_FAILED: the first write stores nothing (*writelen 0,
  * the file is removed) or a later one stores nothing (*writelen = bytes
- * written, the partial file is kept); printed and logged. */
+ * written, the partial file is kept); printed and logged.
+ * Only the regular file this call opened is ever removed: a device node, pipe
+ * or symbolic link at `url`, or a file that replaced it meanwhile, is left. */
 VOBREL_API vobrel_rc vobrel_write_data_to_url(const char *url, void *data, int32_t datalen, int32_t *writelen,
                                               const char *what, uint32_t flags);
 
