@@ -111,7 +111,8 @@ TEST(StringDbSharing, SetBlockKeepsEqualBytesAndReleasesBeforeItAdds)
     ASSERT_TRUE(sdb_set_block(a, 3, SDB_BINARY_STRING, &h));
     sdb_handle first = h;
     ASSERT_TRUE(sdb_set_block(a, 3, SDB_BINARY_STRING, &h) && h == first);
-    ASSERT_TRUE(sdb_set_block(b, 3, SDB_BINARY_STRING, &h) && h != first); // differs after a zero byte
+    // Differs after a zero byte. The new record may reuse the old one's memory.
+    ASSERT_TRUE(sdb_set_block(b, 3, SDB_BINARY_STRING, &h));
     EXPECT_TRUE(sdb_number_strings == 1 && memcmp(sdb_block_addr_ptr(h), b, 3) == 0); // the old one went
     // The only reference goes first: a folded add then stores the new spelling.
     ASSERT_TRUE(sdb_set_block("abc", 3, SDB_ASCII_STRING_CASE_INSENSITIVE, &h));
