@@ -316,7 +316,7 @@ TEST(LogReaderOutput, JsonCarriesEveryFieldAndAnyBytes)
                        R"(["record", 3, )" + pid + R"(, null, null, "nul \u0000 byte\n", null] 19)"}));
 }
 
-TEST(LogReaderOutput, FiltersSinceGrepAndPid)
+TEST(LogReaderOutput, FiltersFromRecordGrepAndPid)
 {
     fake::set_log_file_size(500);
     for (int i = 0; i < 12 || fake::log_header_number() > 2; ++i)
@@ -327,16 +327,18 @@ TEST(LogReaderOutput, FiltersSinceGrepAndPid)
         if (l.find(": odd ") != npos)
             odd.push_back(l);
     // From the second oldest record to the end, the wrap banner included.
-    EXPECT_EQ(listing({"--since", all[1].substr(1, all[1].find(' ') - 1)}), Strings(all.begin() + 1, all.end()));
-    EXPECT_EQ(listing({"--since", "99999"}), Strings{});
+    EXPECT_EQ(listing({"--from-record", all[1].substr(1, all[1].find(' ') - 1)}), Strings(all.begin() + 1, all.end()));
+    EXPECT_EQ(listing({"--from-record", "99999"}), Strings{});
     EXPECT_EQ(listing({"--pid", "1"}), Strings{});
     EXPECT_EQ(listing({"--grep", "odd", "--pid", std::to_string(getpid())}), odd);
 }
 
 TEST(LogReaderOptions, UsageErrorsExitWith2)
 {
-    for (const Strings &args : {Strings{}, Strings{"--bogus", "f"}, Strings{"a", "b"}, Strings{"--since", "x", "f"},
-                                Strings{"--interval", "0", "f"}, Strings{"--check", "--grep", "x", "f"}})
+    for (const Strings &args :
+         {Strings{}, Strings{"--bogus", "f"}, Strings{"--from-record", "x", "f"}, Strings{"--since", "12", "f"},
+          Strings{"--until", "2024/02/03-04:05", "f"}, Strings{"--interval", "0", "f"}, Strings{"-n", "-1", "f"},
+          Strings{"--check", "--grep", "x", "f"}, Strings{"--follow", "--reverse", "f"}})
         EXPECT_EQ(tool(args).status, 2) << testing::PrintToString(args);
 }
 
