@@ -68,7 +68,7 @@ const char kUsageText[] =
     "                      second (--since) or last second (--until)\n"
     "      --from-record N start at the record numbered N (in each file, the first\n"
     "                      one in reading order; numbers restart at 0 after a wrap),\n"
-    "                      or, if there is none, at the first record numbered above N\n"
+    "                      or, if there is none, at the first one numbered above N\n"
     "      --grep TEXT     only records whose function name or message holds TEXT\n"
     "      --pid PID       only records written by process PID\n"
     "  -n, --lines N       only the newest N records and banners of the listing\n"
