@@ -1,5 +1,6 @@
 // Reading a vobrel log file: one parser shared by every mode of vobrel-log
-// (listing, --follow, --json, --check) and by its fuzz target.
+// (listing, --follow, --json, --check, several files merged into one
+// timeline) and by its fuzz target.
 //
 // The file as the library writes it:
 //
@@ -133,10 +134,12 @@ std::vector<const Item *> fresh_items(std::string_view prev_bytes, const Log &pr
 
 // One record or banner for people: a line, with the continuation lines of a
 // multi-line message indented; control characters and bytes that are not
-// UTF-8 shown as \xNN.
-std::string format_text(const Item &item);
-// One JSON object on one line, ending in '\n'.
-std::string format_json(const Item &item);
+// UTF-8 shown as \xNN. A non-empty `process` (the short name of the process
+// whose file holds the item) starts the line, padded to 9 columns.
+std::string format_text(const Item &item, std::string_view process = {});
+// One JSON object on one line, ending in '\n'; a non-empty `process` is
+// given as the "process" field.
+std::string format_json(const Item &item, std::string_view process = {});
 // A JSON string literal for arbitrary bytes: valid UTF-8 passes through,
 // control characters are escaped and each byte of an invalid sequence
 // becomes U+FFFD.
@@ -144,26 +147,39 @@ std::string json_string(std::string_view bytes);
 bool valid_utf8(std::string_view bytes);
 std::string base64(std::string_view bytes);
 
-// --- selection (--since, --grep, --pid) ------------------------------------
+// --- selection (--from-record, --since, --until, --grep, --pid) -----------
 
 struct Filter {
-    bool since_set = false;
-    int64_t since = 0;
+    bool from_record_set = false;
+    int64_t from_record = 0;
+    std::string since; // time stamps as parse_time() gives them; empty: unset
+    std::string until;
     bool grep_set = false;
     std::string grep;
     bool pid_set = false;
     int64_t pid = 0;
 };
 
-// Decides, item by item in reading order, what to show. --since N starts at
-// the first record numbered N (numbers restart after a wrap and repeat after a
-// restart, so the first one in reading order is taken); when no record
-// carries N, at the first record numbered above N. Everything after the start
-// is shown. --grep and --pid keep only matching records and hide banners.
+// Reads a --since or --until argument: a time stamp written like a record's
+// ("YYYY/MM/DD-hh:mm:ss") or a date alone ("YYYY/MM/DD"), which stands for
+// the first second of the day, or its last one when `end_of_day` is set (so
+// that --until DATE takes in the whole day). False for anything else.
+bool parse_time(std::string_view text, bool end_of_day, std::string &out);
+
+// Whether time stamp `a` comes before `b`: as text, a longer year being later.
+bool time_before(std::string_view a, std::string_view b);
+
+// Decides, item by item in reading order, what to show. --from-record N
+// starts at the first record numbered N (numbers restart after a wrap and
+// repeat after a restart, so the first one in reading order is taken); when
+// no record carries N, at the first record numbered above N. Everything after
+// the start is shown. --since and --until keep the items (banners too) whose
+// time stamps lie in the range, bounds included. --grep and --pid keep only
+// matching records and hide banners.
 class Selector {
 public:
     explicit Selector(Filter f) : f_(std::move(f)) {}
-    // The first batch of a listing or a follow: fixes the --since start.
+    // The first batch of a listing or a follow: fixes the --from-record start.
     std::vector<const Item *> first(const std::vector<const Item *> &items);
     // Later batches (--follow).
     std::vector<const Item *> next(const std::vector<const Item *> &items);
@@ -176,5 +192,20 @@ private:
 
 // The items of `log` as pointers, in reading order.
 std::vector<const Item *> all_items(const Log &log);
+
+
+// --- one timeline of several files (merge.cpp) ----------------------------
+
+struct Entry {
+    const Item *item;
+    size_t source; // index of the list it came from
+};
+
+// Merges lists, each in its own reading order, into one ordered by time
+// stamp: at each step the earliest of the lists' next items is taken, the
+// list given first winning a tie. Every list keeps its order (the merge is
+// stable), so a list whose stamps go back, after the clock was set back,
+// holds its later items behind the one out of place rather than being split.
+std::vector<Entry> merge(const std::vector<std::vector<const Item *>> &lists);
 
 } // namespace logread

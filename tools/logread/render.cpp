@@ -185,9 +185,14 @@ std::string base64(std::string_view s)
     return out;
 }
 
-std::string format_text(const Item &it)
+std::string format_text(const Item &it, std::string_view process)
 {
     std::string out;
+    if (!process.empty()) {
+        append_shown(out, process);
+        out.append(out.size() < 9 ? 9 - out.size() : 0, ' ');
+        out += ' ';
+    }
     if (it.kind == Kind::Record) {
         out.append(it.time);
         out += " #";
@@ -225,12 +230,14 @@ std::string format_text(const Item &it)
     return out;
 }
 
-std::string format_json(const Item &it)
+std::string format_json(const Item &it, std::string_view process)
 {
     static const char *const kType[] = {"record", "open", "wrap"};
     std::string out = "{\"type\":\"";
     out += kType[static_cast<int>(it.kind)];
     out += '"';
+    if (!process.empty())
+        field(out, "process", json_string(process));
     field(out, "offset", std::to_string(it.offset));
     field(out, "time", json_string(it.time));
     if (it.kind == Kind::Record) {
@@ -262,6 +269,10 @@ bool Selector::matches(const Item &it) const
         return false;
     if (f_.pid_set && it.pid != f_.pid)
         return false;
+    if (!f_.since.empty() && time_before(it.time, f_.since))
+        return false;
+    if (!f_.until.empty() && time_before(f_.until, it.time))
+        return false;
     if (f_.grep_set && it.message.find(f_.grep) == std::string_view::npos &&
         !(it.has_function && it.function.find(f_.grep) != std::string_view::npos))
         return false;
@@ -271,16 +282,16 @@ bool Selector::matches(const Item &it) const
 std::vector<const Item *> Selector::first(const std::vector<const Item *> &items)
 {
     size_t start = 0;
-    if (f_.since_set && !started_) {
+    if (f_.from_record_set && !started_) {
         start = items.size();
         for (size_t i = 0; i < items.size() && start == items.size(); ++i)
-            if (items[i]->kind == Kind::Record && items[i]->number == f_.since)
+            if (items[i]->kind == Kind::Record && items[i]->number == f_.from_record)
                 start = i;
         for (size_t i = 0; i < items.size() && start == items.size(); ++i)
-            if (items[i]->kind == Kind::Record && items[i]->number > f_.since)
+            if (items[i]->kind == Kind::Record && items[i]->number > f_.from_record)
                 start = i;
     }
-    started_ = started_ || start < items.size() || !f_.since_set;
+    started_ = started_ || start < items.size() || !f_.from_record_set;
     std::vector<const Item *> out;
     for (size_t i = start; i < items.size(); ++i)
         if (matches(*items[i]))
@@ -292,7 +303,7 @@ std::vector<const Item *> Selector::next(const std::vector<const Item *> &items)
 {
     std::vector<const Item *> out;
     for (const Item *it : items) {
-        if (!started_ && it->kind == Kind::Record && it->number >= f_.since)
+        if (!started_ && it->kind == Kind::Record && it->number >= f_.from_record)
             started_ = true;
         if (started_ && matches(*it))
             out.push_back(it);

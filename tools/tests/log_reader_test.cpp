@@ -125,9 +125,9 @@ Strings listing(Strings args = {})
 }
 
 // Hand-made files.
-std::string rec(int n, const std::string &msg, int pid = 5)
+std::string rec(int n, const std::string &msg, int pid = 5, const std::string &time = "2024/02/03-04:05:06")
 {
-    return "\n2024/02/03-04:05:06[" + std::to_string(n) + "]{" + std::to_string(pid) + "}:" + msg;
+    return "\n" + time + "[" + std::to_string(n) + "]{" + std::to_string(pid) + "}:" + msg;
 }
 const std::string kOpen = "\n[QMT-VER-1.2.1 Build 0] Logger initialized 2024/02/03-04:05:06";
 const std::string kWrap = "\n[QMT-VER-1.2.1 Build 0] HIT 1000 Limit, Wrapping up 2024/02/03-04:05:07\n";
@@ -138,6 +138,33 @@ std::string file(const std::string &newer, const std::string &older, int number,
     char header[17];
     snprintf(header, sizeof header, "%8zu%8d", pos ? pos : 16 + newer.size(), number);
     return header + newer + older;
+}
+
+// A process of its own that logs under `name`, then ends.
+void log_as(const char *name, int records, int pad, int from = 0)
+{
+    fake::log_dir(); // made now, for the child to write into
+    pid_t child = fork();
+    if (child == 0) {
+        snprintf(vob_proc_name, sizeof vob_proc_name, "%s", name);
+        for (int i = from; i < from + records; ++i)
+            vobrel_write_to_log(nullptr, 0, "%s %d %s", name, i, std::string(static_cast<size_t>(i * pad % 40), '.').c_str());
+        _exit(0);
+    }
+    ASSERT_GT(child, 0);
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+}
+
+std::string label(const std::string &name)
+{
+    return name + std::string(10 - name.size(), ' ');
+}
+
+// The time stamp of a line of a listing (banners end with theirs).
+std::string time_of(const std::string &line)
+{
+    std::string l = line.substr(10);
+    return l.starts_with("----") ? l.substr(l.size() - 19) : l.substr(0, 19);
 }
 
 } // namespace
@@ -316,7 +343,7 @@ TEST(LogReaderOutput, JsonCarriesEveryFieldAndAnyBytes)
                        R"(["record", 3, )" + pid + R"(, null, null, "nul \u0000 byte\n", null] 19)"}));
 }
 
-TEST(LogReaderOutput, FiltersSinceGrepAndPid)
+TEST(LogReaderOutput, FiltersFromRecordGrepAndPid)
 {
     fake::set_log_file_size(500);
     for (int i = 0; i < 12 || fake::log_header_number() > 2; ++i)
@@ -327,16 +354,18 @@ TEST(LogReaderOutput, FiltersSinceGrepAndPid)
         if (l.find(": odd ") != npos)
             odd.push_back(l);
     // From the second oldest record to the end, the wrap banner included.
-    EXPECT_EQ(listing({"--since", all[1].substr(1, all[1].find(' ') - 1)}), Strings(all.begin() + 1, all.end()));
-    EXPECT_EQ(listing({"--since", "99999"}), Strings{});
+    EXPECT_EQ(listing({"--from-record", all[1].substr(1, all[1].find(' ') - 1)}), Strings(all.begin() + 1, all.end()));
+    EXPECT_EQ(listing({"--from-record", "99999"}), Strings{});
     EXPECT_EQ(listing({"--pid", "1"}), Strings{});
     EXPECT_EQ(listing({"--grep", "odd", "--pid", std::to_string(getpid())}), odd);
 }
 
 TEST(LogReaderOptions, UsageErrorsExitWith2)
 {
-    for (const Strings &args : {Strings{}, Strings{"--bogus", "f"}, Strings{"a", "b"}, Strings{"--since", "x", "f"},
-                                Strings{"--interval", "0", "f"}, Strings{"--check", "--grep", "x", "f"}})
+    for (const Strings &args :
+         {Strings{}, Strings{"--bogus", "f"}, Strings{"--from-record", "x", "f"}, Strings{"--since", "12", "f"},
+          Strings{"--until", "2024/02/03-04:05", "f"}, Strings{"--interval", "0", "f"}, Strings{"-n", "-1", "f"},
+          Strings{"--check", "--grep", "x", "f"}, Strings{"--follow", "--reverse", "f"}})
         EXPECT_EQ(tool(args).status, 2) << testing::PrintToString(args);
 }
 
@@ -368,10 +397,94 @@ TEST(LogReaderFollow, FollowsAWriterAcrossWrapsUntilStopped)
     EXPECT_EQ(banners, wraps);
 }
 
+TEST(LogReaderFollow, PicksUpTheFilesOfAStoreThatAppearLater)
+{
+    log_as("early", 1, 1);
+    const std::string store = fake::log_dir() + "/vobrel.log";
+    Child follow({VOBREL_LOG_TOOL, "--follow", "--interval", "5", store});
+    ASSERT_TRUE(follow.wait_for(": early 0 \n"));
+    log_as("late", 2, 1);
+    ASSERT_TRUE(follow.wait_for(": late 1 .\n")) << follow.out();
+    log_as("early", 1, 1, 1);
+    ASSERT_TRUE(follow.wait_for(": early 1 .\n")) << follow.out();
+    EXPECT_EQ(follow.status(SIGTERM), 0);
+    Strings got;
+    for (const std::string &l : lines_of(follow.out()))
+        got.push_back(l.substr(0, 10) + (l.find("----") != npos ? "open" : l.substr(l.find(": ") + 2)));
+    EXPECT_EQ(got, (Strings{"early     open", "early     early 0 ", "late      open", "late      late 0 ",
+                            "late      late 1 .", "early     open", "early     early 1 ."}));
+}
+
 TEST(LogReaderFollow, StopsAtOnceOnSigint)
 {
     vobrel_write_to_log(nullptr, 0, "only");
     Child follow({VOBREL_LOG_TOOL, "-f", "--interval", "60000", fake::log_path()});
     ASSERT_TRUE(follow.wait_for(": only\n"));
     EXPECT_EQ(follow.status(SIGINT), 0); // well before the 60 s wait ends
+}
+
+TEST(LogReaderTimeline, MergesTheWrappedFilesOfSeveralProcesses)
+{
+    fake::set_log_file_size(400);
+    const Strings names{"alpha", "beta", "gamma9chr"};
+    for (size_t k = 0; k < names.size(); ++k)
+        log_as(names[k].c_str(), 25 + static_cast<int>(k) * 5, 7 + static_cast<int>(k) * 6);
+    const std::string store = fake::log_dir() + "/vobrel.log";
+    std::ofstream(store + ".junk") << "not a log";
+
+    // The damaged file is named and skipped; the others are all there.
+    Result r = tool({store});
+    EXPECT_EQ(r.status, 9);
+    Strings all = lines_of(r.out), shown;
+    EXPECT_EQ(all[0], "vobrel-log: " + store + ".junk: the file is shorter than the 16-byte header (9 bytes)");
+    shown.assign(all.begin() + 1, all.end());
+    for (size_t i = 1; i < shown.size(); ++i)
+        EXPECT_LE(time_of(shown[i - 1]), time_of(shown[i])) << shown[i];
+    // Each process's lines, in order, are its file's own listing.
+    size_t total = 0;
+    for (const std::string &n : names) {
+        Result own = tool({store + "." + n});
+        ASSERT_EQ(own.status, 0);
+        EXPECT_NE(own.out.find(" HIT 400 Limit, "), npos) << n; // it wrapped
+        Strings mine;
+        for (const std::string &l : shown)
+            if (l.starts_with(label(n)))
+                mine.push_back(l.substr(10));
+        EXPECT_EQ(mine, lines_of(own.out)) << n;
+        total += mine.size();
+    }
+    EXPECT_EQ(total, shown.size());
+
+    Strings reversed{all[0]};
+    reversed.insert(reversed.end(), shown.rbegin(), shown.rend());
+    EXPECT_EQ(lines_of(tool({"-r", store}).out), reversed);
+    EXPECT_EQ(lines_of(tool({"--lines", "4", store + ".alpha", store + ".beta"}).out).size(), 4u);
+    Result json = tool({"-j", "--grep", "beta", store + ".alpha", store + ".beta"});
+    EXPECT_EQ(json.status, 0);
+    for (const std::string &l : lines_of(json.out))
+        EXPECT_TRUE(l.starts_with(R"({"type":"record","process":"beta",)")) << l;
+}
+
+TEST(LogReaderTimeline, OrdersByTimeKeepingEachFilesOrder)
+{
+    auto at = [](int n, const std::string &msg, const char *sec) {
+        return rec(n, msg, 5, std::string("2024/02/03-04:05:") + sec);
+    };
+    const std::string store = fake::log_dir() + "/st";
+    std::ofstream(store + ".a") << file(at(0, "a0", "01") + at(1, "a1", "03") + at(2, "a2", "03"), "", 2);
+    // The clock went back before b2: it stays after b1.
+    std::ofstream(store + ".b") << file(at(0, "b0", "02") + at(1, "b1", "03") + at(2, "b2", "02") + at(3, "b3", "04"),
+                                        "", 3);
+    auto messages = [&](Strings args) {
+        args.push_back(store);
+        Strings out;
+        for (const std::string &l : lines_of(tool(args).out))
+            out.push_back(l.substr(0, 1) + ":" + l.substr(l.rfind(' ') + 1));
+        return out;
+    };
+    EXPECT_EQ(messages({}), (Strings{"a:a0", "b:b0", "a:a1", "a:a2", "b:b1", "b:b2", "b:b3"}));
+    EXPECT_EQ(messages({"--since", "2024/02/03-04:05:03", "--until", "2024/02/03"}),
+              (Strings{"a:a1", "a:a2", "b:b1", "b:b3"}));
+    EXPECT_EQ(messages({"--until", "2024/02/02"}), Strings{});
+    EXPECT_EQ(messages({"-n", "2", "--reverse"}), (Strings{"b:b3", "b:b2"}));
 }

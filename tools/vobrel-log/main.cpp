@@ -1,10 +1,13 @@
-// vobrel-log: prints a vobrel log file in order, follows it while a process
-// writes it, or checks its header.
+// vobrel-log: prints vobrel log files in order, one file or every process's
+// merged into one timeline, follows them while processes write them, or
+// checks their headers.
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <getopt.h>
 #include <memory>
@@ -12,6 +15,7 @@
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 #include "tools/logread/logread.h"
 
@@ -28,40 +32,60 @@ enum Exit {
     kHeaderNotNumbers = 6,
     kPositionOutside = 7,
     kNotALog = 8,
+    kSkipped = 9,
 };
 
 const char kUsageText[] =
-    "Usage: vobrel-log [OPTION]... FILE\n"
-    "Print a vobrel log file in order, oldest record first.\n"
+    "Usage: vobrel-log [OPTION]... FILE...\n"
+    "Print vobrel log files in order, oldest record first.\n"
     "\n"
     "The log wraps: after the newest record (the header's position) come the\n"
     "remains of older records. vobrel-log prints those first, skipping the one\n"
     "cut by the overwrite, then the records from the top of the file.\n"
     "\n"
+    "Each process writes its own file, STORE.NAME (NAME its short name). A FILE\n"
+    "that does not exist is taken as such a STORE path and stands for every\n"
+    "STORE.* file. Several files are merged into one timeline ordered by time\n"
+    "stamp (each file's records keep their order), every line starting with\n"
+    "the process's short name: the part of the file name after STORE. or, for a\n"
+    "file named alone, after its last '.'. One existing FILE prints unlabelled.\n"
+    "\n"
     "  -f, --follow        keep printing records as they are written, across wraps,\n"
-    "                      until interrupted (Ctrl-C, SIGTERM)\n"
+    "                      until interrupted (Ctrl-C, SIGTERM); a STORE's files\n"
+    "                      that appear later are picked up\n"
     "      --interval MS   with --follow, look for new records every MS milliseconds\n"
     "                      (1 to 60000, default 200)\n"
     "  -j, --json          one JSON object per line for each record and banner:\n"
-    "                      type, offset, time, number, pid, function, line, message\n"
-    "                      (message_base64 too when the message is not UTF-8)\n"
+    "                      type, process (several files), offset, time, number,\n"
+    "                      pid, function, line, message (message_base64 too when\n"
+    "                      the message is not UTF-8)\n"
     "  -c, --check         check the header against the records: its position must\n"
     "                      end the newest record and its number be that record's;\n"
     "                      says what is wrong and exits with 1 if they disagree\n"
-    "      --since N       start at the record numbered N (the first one in reading\n"
-    "                      order; numbers restart at 0 after a wrap), or, if there\n"
-    "                      is none, at the first record numbered above N\n"
+    "      --since TIME    only records and banners stamped TIME or later\n"
+    "      --until TIME    only records and banners stamped TIME or earlier; TIME is\n"
+    "                      YYYY/MM/DD-hh:mm:ss, or YYYY/MM/DD for the day's first\n"
+    "                      second (--since) or last second (--until)\n"
+    "      --from-record N start at the record numbered N (in each file, the first\n"
+    "                      one in reading order; numbers restart at 0 after a wrap),\n"
+    "                      or, if there is none, at the first one numbered above N\n"
     "      --grep TEXT     only records whose function name or message holds TEXT\n"
     "      --pid PID       only records written by process PID\n"
+    "  -n, --lines N       only the newest N records and banners of the listing\n"
+    "                      (with --follow, of the first listing)\n"
+    "  -r, --reverse       newest first (not with --follow)\n"
     "  -h, --help          show this help and exit\n"
     "\n"
-    "Records show: time #number pid PID [function(line)]: message\n"
+    "Records show: [NAME] time #number pid PID [function(line)]: message\n"
     "Banners show as lines starting with \"----\"; --grep and --pid hide them.\n"
     "\n"
     "Exit status: 0 success; 1 --check found a problem; 2 bad usage;\n"
-    "3 FILE cannot be read; 4 FILE is empty; 5 FILE is shorter than the header;\n"
-    "6 the header is not two numbers; 7 the header's position is outside the\n"
-    "file; 8 FILE holds no log text.\n";
+    "for one FILE: 3 FILE cannot be read; 4 FILE is empty; 5 FILE is shorter than\n"
+    "the header; 6 the header is not two numbers; 7 the header's position is\n"
+    "outside the file; 8 FILE holds no log text;\n"
+    "for several files or a STORE: 3 a STORE has no file; 9 some files could not\n"
+    "be read, were named on standard error and skipped, the rest was printed\n"
+    "(9 also comes before 1 with --check).\n";
 
 volatile sig_atomic_t g_stop = 0;
 
@@ -74,9 +98,11 @@ struct Options {
     bool follow = false;
     bool json = false;
     bool check = false;
+    bool reverse = false;
     int interval_ms = 200;
+    int64_t lines = -1; // -1: all
     logread::Filter filter;
-    const char *path = nullptr;
+    std::vector<std::string> paths;
 };
 
 bool parse_int(const char *s, int64_t min, int64_t max, int64_t &out)
@@ -98,69 +124,104 @@ int usage_error(const std::string &what)
     return kUsage;
 }
 
+enum { kSince = 256, kUntil, kFromRecord, kGrep, kPid, kInterval };
+
+// One option with its value; -1 when good, otherwise the exit status.
+int take_option(int c, const char *arg, Options &o)
+{
+    int64_t v = 0;
+    const std::string given = arg ? std::string(", not '") + arg + "'" : "";
+    switch (c) {
+    case kSince:
+    case kUntil:
+        if (parse_int(arg, INT32_MIN, INT32_MAX, v))
+            return usage_error(std::string(c == kSince ? "--since" : "--until") +
+                               " takes a time; for a record number, use --from-record N");
+        if (!logread::parse_time(arg, c == kUntil, c == kSince ? o.filter.since : o.filter.until))
+            return usage_error("a time is YYYY/MM/DD-hh:mm:ss or YYYY/MM/DD" + given);
+        return -1;
+    case kFromRecord:
+        if (!parse_int(arg, INT32_MIN, INT32_MAX, v))
+            return usage_error("--from-record needs a record number" + given);
+        o.filter.from_record_set = true;
+        o.filter.from_record = v;
+        return -1;
+    case kGrep:
+        o.filter.grep_set = true;
+        o.filter.grep = arg;
+        return -1;
+    case kPid:
+        if (!parse_int(arg, 0, INT32_MAX, v))
+            return usage_error("--pid needs a process id" + given);
+        o.filter.pid_set = true;
+        o.filter.pid = v;
+        return -1;
+    case kInterval:
+        if (!parse_int(arg, 1, 60000, v))
+            return usage_error("--interval needs 1 to 60000 milliseconds" + given);
+        o.interval_ms = static_cast<int>(v);
+        return -1;
+    case 'n':
+        if (!parse_int(arg, 0, INT32_MAX, v))
+            return usage_error("--lines needs a count" + given);
+        o.lines = v;
+        return -1;
+    }
+    return -1;
+}
+
+int check_combination(const Options &o)
+{
+    const logread::Filter &f = o.filter;
+    bool filtered = f.from_record_set || f.grep_set || f.pid_set || !f.since.empty() || !f.until.empty();
+    if (o.check && (o.follow || o.json || o.reverse || o.lines >= 0 || filtered))
+        return usage_error("--check takes no other option");
+    if (o.follow && o.reverse)
+        return usage_error("--reverse cannot follow");
+    return -1;
+}
+
 // Returns -1 when the options are good, otherwise the exit status.
 int parse_options(int argc, char **argv, Options &o)
 {
-    enum { kSince = 256, kGrep, kPid, kInterval };
     static const option kLong[] = {
-        {"follow", no_argument, nullptr, 'f'},   {"json", no_argument, nullptr, 'j'},
-        {"check", no_argument, nullptr, 'c'},    {"help", no_argument, nullptr, 'h'},
-        {"since", required_argument, nullptr, kSince}, {"grep", required_argument, nullptr, kGrep},
-        {"pid", required_argument, nullptr, kPid},     {"interval", required_argument, nullptr, kInterval},
+        {"follow", no_argument, nullptr, 'f'},
+        {"json", no_argument, nullptr, 'j'},
+        {"check", no_argument, nullptr, 'c'},
+        {"reverse", no_argument, nullptr, 'r'},
+        {"help", no_argument, nullptr, 'h'},
+        {"lines", required_argument, nullptr, 'n'},
+        {"since", required_argument, nullptr, kSince},
+        {"until", required_argument, nullptr, kUntil},
+        {"from-record", required_argument, nullptr, kFromRecord},
+        {"grep", required_argument, nullptr, kGrep},
+        {"pid", required_argument, nullptr, kPid},
+        {"interval", required_argument, nullptr, kInterval},
         {nullptr, 0, nullptr, 0},
     };
     opterr = 0;
     int c;
-    while ((c = getopt_long(argc, argv, ":fjch", kLong, nullptr)) != -1) {
-        int64_t v = 0;
-        switch (c) {
-        case 'f':
-            o.follow = true;
-            break;
-        case 'j':
-            o.json = true;
-            break;
-        case 'c':
-            o.check = true;
-            break;
-        case 'h':
+    while ((c = getopt_long(argc, argv, ":fjcrhn:", kLong, nullptr)) != -1) {
+        if (c == 'h') {
             fputs(kUsageText, stdout);
             return kOk;
-        case kSince:
-            if (!parse_int(optarg, INT32_MIN, INT32_MAX, v))
-                return usage_error(std::string("--since needs a record number, not '") + optarg + "'");
-            o.filter.since_set = true;
-            o.filter.since = v;
-            break;
-        case kGrep:
-            o.filter.grep_set = true;
-            o.filter.grep = optarg;
-            break;
-        case kPid:
-            if (!parse_int(optarg, 0, INT32_MAX, v))
-                return usage_error(std::string("--pid needs a process id, not '") + optarg + "'");
-            o.filter.pid_set = true;
-            o.filter.pid = v;
-            break;
-        case kInterval:
-            if (!parse_int(optarg, 1, 60000, v))
-                return usage_error(std::string("--interval needs 1 to 60000 milliseconds, not '") + optarg + "'");
-            o.interval_ms = static_cast<int>(v);
-            break;
-        case ':':
-            return usage_error(std::string("option '") + argv[optind - 1] + "' needs a value");
-        default:
-            return usage_error(std::string("unknown option '") + argv[optind - 1] + "'");
         }
+        if (c == ':')
+            return usage_error(std::string("option '") + argv[optind - 1] + "' needs a value");
+        if (c == '?')
+            return usage_error(std::string("unknown option '") + argv[optind - 1] + "'");
+        o.follow |= c == 'f';
+        o.json |= c == 'j';
+        o.check |= c == 'c';
+        o.reverse |= c == 'r';
+        int rc = take_option(c, optarg, o);
+        if (rc >= 0)
+            return rc;
     }
     if (optind >= argc)
         return usage_error("no log file given");
-    if (argc - optind > 1)
-        return usage_error("one log file at a time");
-    o.path = argv[optind];
-    if (o.check && (o.follow || o.json || o.filter.since_set || o.filter.grep_set || o.filter.pid_set))
-        return usage_error("--check takes no other option");
-    return -1;
+    o.paths.assign(argv + optind, argv + argc);
+    return check_combination(o);
 }
 
 // Log files stay below 100,000,000 bytes plus one record.
@@ -278,31 +339,6 @@ int report_bad_file(const char *path, const Snapshot &s)
     return exit_for(s.status);
 }
 
-void print(const std::vector<const logread::Item *> &items, bool json)
-{
-    for (const logread::Item *it : items) {
-        std::string line = json ? logread::format_json(*it) : logread::format_text(*it);
-        fwrite(line.data(), 1, line.size(), stdout);
-    }
-    fflush(stdout);
-}
-
-int run_check(const char *path, const Snapshot &s)
-{
-    std::vector<std::string> problems = logread::check(*s.bytes, s.log);
-    size_t records = 0;
-    for (const logread::Item &it : s.log.items)
-        records += it.kind == logread::Kind::Record;
-    if (problems.empty()) {
-        printf("%s: header agrees with the text (position %lld, number %lld, %zu records)\n", path,
-               static_cast<long long>(s.log.header_position), static_cast<long long>(s.log.header_number), records);
-        return kOk;
-    }
-    for (const std::string &p : problems)
-        printf("%s: %s\n", path, p.c_str());
-    return kCheckFailed;
-}
-
 // What tells, without reading the whole file, that it may have changed.
 struct Stamp {
     std::string head;
@@ -342,46 +378,241 @@ void pause_ms(int ms)
         poll(nullptr, 0, ms); // a signal ends it early
 }
 
-// The writer puts a record, then its position, then its number into the file:
-// a snapshot taken in between is not compared until the file has stayed the
-// same for one interval (a writer that stopped half-way leaves it so).
-int run_follow(const Options &o, Snapshot prev, logread::Selector &sel)
-{
-    Stamp last; // none yet: the first turn compares with the listing's snapshot
+// A file of the timeline and what has been read of it.
+struct Source {
+    Source(std::string p, std::string n, const logread::Filter &f) : path(std::move(p)), name(std::move(n)), sel(f) {}
+    std::string path;
+    std::string name; // the label; empty when one file is read alone
+    Snapshot snap;    // the last good snapshot, when `have`
+    bool have = false;
+    logread::Selector sel;
+    Stamp last; // none yet: the first turn of --follow compares with `snap`
     Stamp waiting;
     bool have_waiting = false;
-    while (!g_stop) {
-        pause_ms(o.interval_ms);
-        Stamp now;
-        if (g_stop || !take_stamp(o.path, now) || now == last)
+};
+
+struct Timeline {
+    std::vector<std::string> stores; // looked at again by --follow
+    std::vector<Source> sources;
+    bool alone = false; // one FILE: unlabelled, with its own exit statuses
+};
+
+// The label of a file named alone: what follows the last '.' of its name.
+std::string short_name(const std::string &path)
+{
+    size_t slash = path.rfind('/');
+    std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
+    size_t dot = base.rfind('.');
+    return dot == std::string::npos || dot + 1 == base.size() ? base : base.substr(dot + 1);
+}
+
+// The short names of the regular files "<store>.*", sorted.
+std::vector<std::string> store_names(const std::string &store)
+{
+    size_t slash = store.rfind('/');
+    std::string dir = slash == std::string::npos ? "." : store.substr(0, slash + 1);
+    std::string prefix = (slash == std::string::npos ? store : store.substr(slash + 1)) + ".";
+    std::vector<std::string> names;
+    DIR *d = opendir(dir.c_str());
+    if (!d)
+        return names;
+    while (const dirent *e = readdir(d)) {
+        std::string n = e->d_name;
+        struct stat st;
+        if (n.size() > prefix.size() && n.compare(0, prefix.size(), prefix) == 0 &&
+            stat((store + "." + n.substr(prefix.size())).c_str(), &st) == 0 && S_ISREG(st.st_mode))
+            names.push_back(n.substr(prefix.size()));
+    }
+    closedir(d);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// Adds the store's files not yet in the timeline; how many were added.
+size_t add_store_files(Timeline &t, const std::string &store, const logread::Filter &f)
+{
+    size_t added = 0;
+    for (const std::string &name : store_names(store)) {
+        std::string path = store + "." + name;
+        bool known = false;
+        for (const Source &s : t.sources)
+            known = known || s.path == path;
+        if (!known) {
+            t.sources.emplace_back(path, name, f);
+            ++added;
+        }
+    }
+    return added;
+}
+
+// The files that the arguments name; -1 or the exit status.
+int gather(const Options &o, Timeline &t)
+{
+    for (const std::string &p : o.paths) {
+        struct stat st;
+        if (stat(p.c_str(), &st) == 0) {
+            t.sources.emplace_back(p, short_name(p), o.filter);
             continue;
-        Snapshot cur;
+        }
+        t.stores.push_back(p);
+        if (add_store_files(t, p, o.filter) == 0) {
+            fprintf(stderr, "vobrel-log: %s: cannot read: no such file, nor any %s.* file\n", p.c_str(), p.c_str());
+            return kUnreadable;
+        }
+    }
+    t.alone = o.paths.size() == 1 && t.stores.empty();
+    if (t.alone)
+        t.sources[0].name.clear();
+    return -1;
+}
+
+// Reads every file; a bad one is reported. -1, or the exit status of a bad
+// file read alone.
+int load_all(Timeline &t, bool &skipped)
+{
+    for (Source &s : t.sources) {
         std::string err;
-        // A file that is unreadable for a moment (being created, or damaged
-        // and rewritten) is read again once it changes.
-        if (!load(o.path, cur, err) || cur.status != logread::Status::Ok) {
-            last = now;
-            continue;
+        if (!load(s.path.c_str(), s.snap, err)) {
+            fprintf(stderr, "vobrel-log: %s: cannot read: %s\n", s.path.c_str(), err.c_str());
+            if (t.alone)
+                return kUnreadable;
+        } else if (s.snap.status != logread::Status::Ok) {
+            int rc = report_bad_file(s.path.c_str(), s.snap);
+            if (t.alone)
+                return rc;
+        } else {
+            s.have = true;
         }
-        if (!logread::settled(*cur.bytes, cur.log) && !(have_waiting && now == waiting)) {
-            waiting = now;
-            have_waiting = true;
-            continue;
+        skipped = skipped || !s.have;
+    }
+    return -1;
+}
+
+void print(const std::vector<logread::Entry> &entries, const Timeline &t, bool json)
+{
+    for (const logread::Entry &e : entries) {
+        const std::string &name = t.sources[e.source].name;
+        std::string line = json ? logread::format_json(*e.item, name) : logread::format_text(*e.item, name);
+        fwrite(line.data(), 1, line.size(), stdout);
+    }
+    fflush(stdout);
+}
+
+int run_check(const Source &src)
+{
+    const Snapshot &s = src.snap;
+    const char *path = src.path.c_str();
+    std::vector<std::string> problems = logread::check(*s.bytes, s.log);
+    size_t records = 0;
+    for (const logread::Item &it : s.log.items)
+        records += it.kind == logread::Kind::Record;
+    if (problems.empty()) {
+        printf("%s: header agrees with the text (position %lld, number %lld, %zu records)\n", path,
+               static_cast<long long>(s.log.header_position), static_cast<long long>(s.log.header_number), records);
+        return kOk;
+    }
+    for (const std::string &p : problems)
+        printf("%s: %s\n", path, p.c_str());
+    return kCheckFailed;
+}
+
+// Start from finished writes if they come within a few intervals.
+void settle(Timeline &t, int interval_ms)
+{
+    for (int tries = 0; tries < 5 && !g_stop; ++tries) {
+        bool all = true;
+        for (const Source &s : t.sources)
+            all = all && (!s.have || logread::settled(*s.snap.bytes, s.snap.log));
+        if (all)
+            return;
+        pause_ms(interval_ms);
+        for (Source &s : t.sources) {
+            Snapshot again;
+            std::string err;
+            if (s.have && load(s.path.c_str(), again, err) && again.status == logread::Status::Ok)
+                s.snap = std::move(again);
         }
-        last = now;
-        have_waiting = false;
+    }
+}
+
+// The first listing: every file's selection, merged, cut to --lines.
+void list(const Options &o, Timeline &t)
+{
+    std::vector<std::vector<const logread::Item *>> lists(t.sources.size());
+    for (size_t i = 0; i < t.sources.size(); ++i)
+        if (t.sources[i].have)
+            lists[i] = t.sources[i].sel.first(logread::all_items(t.sources[i].snap.log));
+    std::vector<logread::Entry> entries = logread::merge(lists);
+    if (o.lines >= 0 && entries.size() > static_cast<size_t>(o.lines))
+        entries.erase(entries.begin(), entries.end() - o.lines);
+    if (o.reverse)
+        std::reverse(entries.begin(), entries.end());
+    print(entries, t, o.json);
+}
+
+// One look at a followed file: the selected items written since the last
+// one. The writer puts a record, then its position, then its number into the
+// file: a snapshot taken in between is not compared until the file has
+// stayed the same for one interval (a writer that stopped half-way leaves it
+// so). A file that is unreadable for a moment (being created, or damaged and
+// rewritten) is read again once it changes.
+std::vector<const logread::Item *> poll_source(Source &src)
+{
+    Stamp now;
+    Snapshot cur;
+    std::string err;
+    if (!take_stamp(src.path.c_str(), now) || now == src.last)
+        return {};
+    if (!load(src.path.c_str(), cur, err) || cur.status != logread::Status::Ok) {
+        src.last = now;
+        return {};
+    }
+    if (!logread::settled(*cur.bytes, cur.log) && !(src.have_waiting && now == src.waiting)) {
+        src.waiting = now;
+        src.have_waiting = true;
+        return {};
+    }
+    src.last = now;
+    src.have_waiting = false;
+    std::vector<const logread::Item *> fresh;
+    if (!src.have) { // a file that appeared, or became readable, since
+        fresh = src.sel.first(logread::all_items(cur.log));
+    } else {
         bool lost = false;
-        std::vector<const logread::Item *> fresh =
-            logread::fresh_items(*prev.bytes, prev.log, *cur.bytes, cur.log, &lost);
+        fresh = src.sel.next(logread::fresh_items(*src.snap.bytes, src.snap.log, *cur.bytes, cur.log, &lost));
         if (lost) {
             fflush(stdout);
             fprintf(stderr, "vobrel-log: %s: the log wrapped and overwrote records before they could be read\n",
-                    o.path);
+                    src.path.c_str());
         }
-        print(sel.next(fresh), o.json);
-        prev = std::move(cur);
     }
-    return kOk;
+    src.snap = std::move(cur); // the items move with it
+    src.have = true;
+    return fresh;
+}
+
+void run_follow(const Options &o, Timeline &t)
+{
+    while (!g_stop) {
+        pause_ms(o.interval_ms);
+        if (g_stop)
+            break;
+        for (const std::string &store : t.stores)
+            add_store_files(t, store, o.filter);
+        std::vector<std::vector<const logread::Item *>> lists;
+        for (Source &s : t.sources)
+            lists.push_back(poll_source(s));
+        print(logread::merge(lists), t, o.json);
+    }
+}
+
+void catch_stop_signals()
+{
+    struct sigaction sa;
+    memset(&sa, 0, sizeof sa);
+    sa.sa_handler = on_stop; // no SA_RESTART: a wait ends at once
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
 }
 
 } // namespace
@@ -392,35 +623,21 @@ int main(int argc, char **argv)
     int rc = parse_options(argc, argv, o);
     if (rc >= 0)
         return rc;
-
-    Snapshot s;
-    std::string err;
-    if (!load(o.path, s, err)) {
-        fprintf(stderr, "vobrel-log: %s: cannot read: %s\n", o.path, err.c_str());
-        return kUnreadable;
+    Timeline t;
+    bool skipped = false;
+    if ((rc = gather(o, t)) >= 0 || (rc = load_all(t, skipped)) >= 0)
+        return rc;
+    if (o.check) {
+        for (const Source &s : t.sources)
+            rc = s.have && run_check(s) != kOk ? kCheckFailed : rc;
+        return skipped ? kSkipped : rc < 0 ? kOk : rc;
     }
-    if (s.status != logread::Status::Ok)
-        return report_bad_file(o.path, s);
-    if (o.check)
-        return run_check(o.path, s);
-
     if (o.follow) {
-        struct sigaction sa;
-        memset(&sa, 0, sizeof sa);
-        sa.sa_handler = on_stop; // no SA_RESTART: a wait ends at once
-        sigaction(SIGINT, &sa, nullptr);
-        sigaction(SIGTERM, &sa, nullptr);
-        // Start from a finished write if one comes within a few intervals.
-        for (int tries = 0; tries < 5 && !g_stop && !logread::settled(*s.bytes, s.log); ++tries) {
-            pause_ms(o.interval_ms);
-            Snapshot again;
-            if (load(o.path, again, err) && again.status == logread::Status::Ok)
-                s = std::move(again);
-        }
+        catch_stop_signals();
+        settle(t, o.interval_ms);
     }
-    logread::Selector sel(o.filter);
-    print(sel.first(logread::all_items(s.log)), o.json);
-    if (!o.follow)
-        return kOk;
-    return run_follow(o, std::move(s), sel);
+    list(o, t);
+    if (o.follow)
+        run_follow(o, t);
+    return skipped ? kSkipped : kOk;
 }
