@@ -1,6 +1,5 @@
 // Data queues, and watched queues used from one thread, against std::deque
-// models. Data are small integers cast to pointers (0 is a null datum); a
-// wrapper allocation can be made to fail.
+// models. Data are small integers cast to pointers (0 is a null datum).
 #include <algorithm>
 #include <deque>
 
@@ -8,7 +7,6 @@
 #include <vobrel/watched.h>
 
 #include "fuzz/fuzz_ops.h"
-#include "support/alloc_fail.h"
 
 namespace {
 
@@ -42,25 +40,19 @@ void erase_first(Data &m, void *d)
     m.erase(std::find(m.begin(), m.end(), d));
 }
 
-void put(Model &s, void *d, bool at_head, bool no_memory)
+void put(Model &s, void *d, bool at_head)
 {
     bool full = s.q.maximum != 0 && static_cast<int>(s.m.size()) >= s.q.maximum;
-    if (no_memory)
-        allocfail::fail_nth(0);
     void *got = at_head ? zel_data_requeue(&s.q, d) : zel_data_enqueue(&s.q, d);
-    allocfail::reset();
-    bool ok = !full && !no_memory;
-    require(ok ? got == d : got == nullptr);
-    if (ok)
+    require(got == (full ? nullptr : d));
+    if (!full)
         at_head ? s.m.push_front(d) : s.m.push_back(d);
-    else if (!full && !at_head)
-        s.want.push_back("%SYS-3-NOELEMENT:data_enqueue:Ran out of buffer elements for enqueue");
 }
 
 void data_step(Model &s, int op, void *d, bool flag, int arg)
 {
     switch (op) {
-    case 0: case 1: put(s, d, op == 1, flag && (arg & 6) == 0); break;
+    case 0: case 1: put(s, d, op == 1); break;
     case 2: {
         void *got = zel_data_dequeue(&s.q);
         require(got == (s.m.empty() ? nullptr : s.m.front()));
