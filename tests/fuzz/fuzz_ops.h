@@ -1,0 +1,83 @@
+// Shared by the model fuzz targets: the input read as operations and
+// arguments, and the reports the library raised, as texts.
+#pragma once
+
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "support/fake_platform.h"
+
+namespace fz {
+
+using Lines = std::vector<std::string>;
+
+inline void require(bool ok)
+{
+    if (!ok)
+        __builtin_trap();
+}
+
+// The input, consumed front to back; past its end every read gives 0.
+struct Ops {
+    const uint8_t *p;
+    size_t n;
+    bool more() const { return n > 0; }
+    uint8_t byte()
+    {
+        if (!n)
+            return 0;
+        --n;
+        return *p++;
+    }
+    unsigned pick(unsigned k) { return byte() % k; }
+    bool flag() { return byte() & 1; }
+    int32_t i32() { return static_cast<int32_t>(byte() | byte() << 8 | byte() << 16 | uint32_t(byte()) << 24); }
+    std::string text(size_t max)
+    {
+        std::string s(pick(static_cast<unsigned>(max) + 1), '\0');
+        for (char &c : s)
+            c = static_cast<char>(byte());
+        return s;
+    }
+};
+
+inline std::string fmt(const char *f, ...)
+{
+    char b[512];
+    va_list ap;
+    va_start(ap, f);
+    vsnprintf(b, sizeof b, f, ap);
+    va_end(ap);
+    return b;
+}
+
+// A pointer as the catalogue's %x prints it.
+inline unsigned hex(const void *p)
+{
+    return static_cast<unsigned>(reinterpret_cast<uintptr_t>(p));
+}
+
+// Reports go to the system log only: no log file written on every message
+// (the logger says so on stdout, which the runs close).
+inline void start()
+{
+    static bool once = [] {
+        fake::set_log_store_status(1, VOBREL_PLATFORM_UNSUPPORTED);
+        return true;
+    }();
+    (void)once;
+    fake::clear_recordings();
+}
+
+// The step's reports must be exactly the expected ones, in order.
+inline void reported(Lines &want)
+{
+    require(fake::take_syslog_texts() == want);
+    want.clear();
+}
+
+} // namespace fz

@@ -1,0 +1,128 @@
+// The text utilities against plain reference code: bounded copy, length
+// test, duration text and delimiter splitting, each with canaries behind the
+// caller's buffer.
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <vobrel/util.h>
+
+#include "fuzz/fuzz_ops.h"
+
+namespace {
+
+using fz::require;
+constexpr char kCanary = '\x5a';
+
+void copy(fz::Ops &in)
+{
+    std::string src = in.text(24);
+    bool null_src = in.pick(8) == 0;
+    unsigned long max = 1 + in.pick(32);
+    std::vector<char> dst(max + 4, kCanary);
+    require(zel_sstrncpy(dst.data(), null_src ? nullptr : src.c_str(), max) == dst.data());
+    std::string want = null_src ? "" : std::string(src.c_str()).substr(0, max - 1);
+    require(memcmp(dst.data(), want.c_str(), want.size() + 1) == 0);
+    for (size_t i = want.size() + 1; i < dst.size(); ++i)
+        require(dst[i] == kCanary);
+}
+
+std::string duration(int expired, unsigned long t)
+{
+    unsigned long w = t / 604800, d = t % 604800 / 86400, h = t % 86400 / 3600, m = t % 3600 / 60;
+    if (m > 55)
+        ++h, m = 0;
+    if (h == 24)
+        ++d, h = 0;
+    if (d == 7)
+        ++w, d = 0;
+    auto mark = [](unsigned long n) { return n >= 2 ? 's' : ' '; };
+    bool two = expired == 1;
+    if (w)
+        return two && d ? fz::fmt("%lu week%c and %lu day%c", w, mark(w), d, mark(d)) : fz::fmt("%lu week%c", w, mark(w));
+    if (d)
+        return two && h ? fz::fmt("%lu day%c and %lu hour%c", d, mark(d), h, mark(h)) : fz::fmt("%lu day%c", d, mark(d));
+    if (h)
+        return two && m ? fz::fmt("%lu hour%c and %lu minutes", h, mark(h), m) : fz::fmt("%lu hour%c", h, mark(h));
+    return fz::fmt("%lu minutes", m);
+}
+
+void time_text(fz::Ops &in)
+{
+    int expired = in.pick(3);
+    uint32_t raw = static_cast<uint32_t>(in.i32());
+    unsigned long t = in.flag() ? raw : raw % 2000000;
+    size_t len = 1 + in.pick(48);
+    std::vector<char> out(len + 4, kCanary);
+    vobrel_convert_time_to_string(static_cast<boolean>(expired), static_cast<time_t>(t), out.data(), len);
+    std::string want = duration(expired, t).substr(0, len - 1);
+    require(memcmp(out.data(), want.c_str(), want.size() + 1) == 0);
+    for (size_t i = len; i < out.size(); ++i)
+        require(out[i] == kCanary);
+}
+
+// Tokens of the first `len` characters of `text`, and the text as the split
+// leaves it (each token's closing delimiter within them turned into a NUL).
+std::vector<std::string> split(std::string &text, size_t len, const std::string &delim)
+{
+    std::vector<std::string> tokens;
+    size_t n = std::min(len, strlen(text.c_str())), i = 0;
+    auto is_delim = [&](char c) { return strchr(delim.c_str(), c) != nullptr; };
+    while (i < n) {
+        while (i < n && is_delim(text[i]))
+            ++i;
+        size_t start = i;
+        while (i < n && !is_delim(text[i]))
+            ++i;
+        if (i > start)
+            tokens.push_back(text.substr(start, i - start));
+        if (i > start && i < n)
+            text[i] = '\0';
+    }
+    return tokens;
+}
+
+void parse(fz::Ops &in)
+{
+    std::string text = in.text(40), delim = in.text(3);
+    int len = static_cast<int8_t>(in.byte()) % 48;
+    std::string want_buf = text;
+    char **strings = reinterpret_cast<char **>(&text);
+    int num = -7;
+    vobrel_rc rc = vobrel_parse_delim_buffer(text.data(), len, delim.data(), &strings, &num);
+    if (len <= 0)
+        return require(rc == VOBREL_INVALID_ARGS && num == -7);
+    // A NUL in delim ends it; a NUL there also matches the end of the text,
+    // which the scan never reaches.
+    std::vector<std::string> want = split(want_buf, static_cast<size_t>(len), std::string(delim.c_str()));
+    require(rc == VOBREL_OK && num == static_cast<int>(want.size()) && text == want_buf);
+    for (size_t i = 0; i < want.size(); ++i) {
+        require(strings[i] && want[i] == strings[i]);
+        free(strings[i]);
+    }
+    require(strings[want.size()] == nullptr);
+    free(strings);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    fz::start();
+    fz::Ops in{data, size};
+    while (in.more()) {
+        switch (in.pick(4)) {
+        case 0: copy(in); break;
+        case 1: {
+            std::string s = in.text(16);
+            size_t len = in.pick(20);
+            require(check_strlen(s.c_str(), len) == (strlen(s.c_str()) > len ? 1 : 0));
+            break;
+        }
+        case 2: time_text(in); break;
+        default: parse(in); break;
+        }
+    }
+    return 0;
+}
