@@ -649,6 +649,7 @@ boolean sdb_find_string(const char *buf, int len, sdb_string_types type, int ind
 
     // An owner record implies an id that was handed out. The array is indexed
     // afresh after the callback, which may have registered a component.
+    VOBREL_ASSERT(id < sdb_max_users);
     sdb_handle (*confirm)(void *) = sdb_owner_info_array[id].get_sdb_handle;
     if (!confirm || confirm(object) != h) {
         sdb_remove_string(h, object);
