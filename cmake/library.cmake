@@ -17,7 +17,9 @@ target_include_directories(vobrel_objects PUBLIC
 target_compile_options(vobrel_objects PRIVATE
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>
   -fvisibility=hidden -fvisibility-inlines-hidden -fno-semantic-interposition)
-target_compile_definitions(vobrel_objects PRIVATE VOBREL_BUILDING _GNU_SOURCE)
+# The version text shown in the log file's banners comes from project(VERSION).
+target_compile_definitions(vobrel_objects PRIVATE VOBREL_BUILDING _GNU_SOURCE
+  VOBREL_VERSION_TEXT="${PROJECT_VERSION} Build 0")
 vobrel_strict(vobrel_objects)
 
 find_package(Threads REQUIRED)

@@ -13,20 +13,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/src/library_private.h"
+
 namespace {
 
 // Read size when a file's size is 0 or cannot be learned (pipes, /proc files).
 constexpr size_t kDefaultReadSize = 0x80000;
 
-// Problem lines go to the log file and, while the switch is on, the same
-// format and arguments to the debug channel.
-template <typename... Args>
-void log_line(const char *fmt, Args... args)
-{
-    vobrel_write_to_log(nullptr, 0, fmt, args...);
-    if (vobrel_debug_errors)
-        buginf(fmt, args...);
-}
+using vobrel::detail::log_problem;
 
 // Text of a system error number; re-entrant.
 struct ErrText {
@@ -92,7 +86,7 @@ vobrel_rc vobrel_read_input_vobrel_file(const char *fname, char **buffer)
     ssize_t n = read(fd, block, size);
     if (n <= 0) {
         ErrText err(errno);
-        log_line("\nread failed (%s)\n", err.text);
+        log_problem("\nread failed (%s)\n", err.text);
         free(block);
         *buffer = nullptr;
         close(fd);
@@ -109,10 +103,10 @@ vobrel_rc vobrel_read_input_vobrel_file(const char *fname, char **buffer)
         if (n < 0) {
             int e = errno;
             ErrText err(e);
-            log_line("\nError in reading file errno: %d(%s)", e, err.text);
+            log_problem("\nError in reading file errno: %d(%s)", e, err.text);
             free(block);
             *buffer = nullptr;
-            log_line("\n Error Invalid File exact size:(%s)", err.text);
+            log_problem("\n Error Invalid File exact size:(%s)", err.text);
             close(fd);
             return VOBREL_INVALID_FILE;
         }
@@ -139,7 +133,7 @@ vobrel_rc vobrel_write_data_to_url(const char *url, void *data, int32_t datalen,
         ErrText err(errno);
         *writelen = 0;
         printf("%% Could not open file %s:%s\n", url, err.text);
-        log_line("\nError in opening file %s:%s\n", url, err.text);
+        log_problem("\nError in opening file %s:%s\n", url, err.text);
         return VOBREL_FSOPEN_FAILED;
     }
 
@@ -153,20 +147,20 @@ vobrel_rc vobrel_write_data_to_url(const char *url, void *data, int32_t datalen,
         *writelen = 0;
         close_and_remove_if_ours(fd, url);
         printf("\nCould not write any %s to file %s: %s\n", what, url, err.text);
-        log_line("\nCould not write %s to file %s %u %u", what, url, static_cast<unsigned>(datalen),
+        log_problem("\nCould not write %s to file %s %u %u", what, url, static_cast<unsigned>(datalen),
                  static_cast<unsigned>(w));
         return VOBREL_FSWRITE_FAILED;
     }
 
     size_t total = static_cast<size_t>(w);
     while (total < want) {
-        log_line("\nWriting Partially to file - wrote %u bytes", static_cast<unsigned>(total));
+        log_problem("\nWriting Partially to file - wrote %u bytes", static_cast<unsigned>(total));
         w = write(fd, bytes + total, want - total);
         if (w <= 0) {
             *writelen = static_cast<int32_t>(total);
             close(fd); // what was written stays in the file
             printf("\nCould not write %s completely to file %s\n", what, url);
-            log_line("\nCould not write %s fully to file %s %u %u", what, url, static_cast<unsigned>(datalen),
+            log_problem("\nCould not write %s fully to file %s %u %u", what, url, static_cast<unsigned>(datalen),
                      static_cast<unsigned>(w));
             return VOBREL_FSWRITE_FAILED;
         }

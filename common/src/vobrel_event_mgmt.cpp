@@ -13,6 +13,8 @@
 #include <stdlib.h>
 #include <time.h>
 
+#include "common/src/library_private.h"
+
 namespace {
 
 constexpr ulong kWaitForever = 0xFFFFFFFFul;
@@ -87,15 +89,6 @@ template <typename Take> void *watched_dequeue(watched_queue *wq, Take take)
     void *item = take(&wq->eventQ);
     set_pending(wq, wq->event_count - 1);
     return item;
-}
-
-// A problem line for the log file and, when errors are being debugged, the
-// same text through buginf.
-void report(const char *line)
-{
-    vobrel_write_to_log(nullptr, 0, "%s", line);
-    if (vobrel_debug_errors)
-        buginf("%s", line);
 }
 
 // The real-time clock `seconds` from now.
@@ -210,7 +203,7 @@ boolean process_wait_on_boolean(watched_boolean *wb, ulong timeout)
     while (!wb->value && rc == 0)
         rc = pthread_cond_timedwait(&wb->cv, &wb->mutex, &deadline);
     if (rc == ETIMEDOUT)
-        report(kBooleanTimeout); // still under the mutex: the log lock nests inside
+        vobrel::detail::log_problem("%s", kBooleanTimeout); // still under the mutex: the log lock nests inside
     return rc == 0 ? TRUE : FALSE;
 }
 
@@ -297,7 +290,7 @@ RWRETVAL process_rwlock_rdlock(watched_rwlock *rwlock)
     if (rc != 0) {
         char line[64];
         snprintf(line, sizeof line, "Read Lock Error: failed to acquire read lock :%d\n", rc);
-        report(line);
+        vobrel::detail::log_problem("%s", line);
     }
     return pthread_rc_to_rwlock_rc(rc);
 }

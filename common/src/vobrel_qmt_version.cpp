@@ -1,8 +1,12 @@
 // The library's version text, shown in the log file's banners.
 #include <vobrel/logger.h>
 
+#ifndef VOBREL_VERSION_TEXT
+#error "VOBREL_VERSION_TEXT comes from the build (project version)"
+#endif
+
 namespace {
-const char kVersion[] = "1.2.1 Build 0";
+const char kVersion[] = VOBREL_VERSION_TEXT;
 }
 
 extern "C" const char *vobrel_get_qmt_version(void)

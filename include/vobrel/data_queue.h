@@ -1,4 +1,5 @@
 /* vobrel: data queues: plain pointers carried in wrapper elements.
+ * Sources: util/src/data_queue.cpp.
  *
  * A data queue is a queuetype whose elements are wrappers owned by these
  * operations: one is taken from the heap per datum on the way in and given

@@ -1,4 +1,6 @@
 /* vobrel: debug switches and levels.
+ * Sources: common/src/vobrel_debug_flags.cpp (switches, levels, start-up
+ * reading), runtime/src/vobrel_debug_commands.cpp (the commands).
  *
  * Switches are plain bytes, read and written without a lock. A process turns
  * them on from its environment once, with vobrel_debug_get_startup_common(),

@@ -1,4 +1,7 @@
-/* vobrel: diagnostic output and the message catalogue. */
+/* vobrel: diagnostic output and the message catalogue.
+ * Sources: buginf/src/buginf.cpp (reporting, debug output),
+ * errmsg/src/errmsg_system.cpp (the "SYS" entries; the "IDMGR" entries are in
+ * util/src/id_manager.cpp). */
 #ifndef VOBREL_ERRMSG_H
 #define VOBREL_ERRMSG_H
 

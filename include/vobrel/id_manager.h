@@ -1,4 +1,5 @@
 /* vobrel: the ID manager: 32-bit identifiers standing for pointers.
+ * Sources: util/src/id_manager.cpp.
  *
  * A caller stores a pointer under a new identifier, passes the identifier
  * around, turns it back into the pointer and deletes it when done. Identifiers

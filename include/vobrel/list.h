@@ -1,4 +1,5 @@
 /* vobrel: named doubly linked lists with per-list action tables.
+ * Sources: util/src/list.cpp, util/src/list_private.h.
  *
  * A list holds data pointers in element records. The header's action table
  * carries the six main operations, so a list can replace any of them with its

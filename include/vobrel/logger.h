@@ -1,4 +1,6 @@
 /* vobrel: the process's size-limited log file.
+ * Sources: common/src/vobrel_logger.cpp, common/src/vobrel_qmt_version.cpp
+ * (version texts).
  *
  * The file is "<store path>.<vob_proc_name>" where the platform names the store
  * path and the size limit. Layout: a 16-byte header of two "%8d" fields (the

@@ -1,4 +1,6 @@
 /* vobrel: the platform layer.
+ * Sources: defined by the platform layer, by default
+ * platform/src/vobrel_platform.cpp.
  *
  * These five functions are NOT defined by libvobrel.so: they are resolved when
  * the process is loaded. libvobrel_platform.so (pkg-config vobrel-platform)

@@ -1,4 +1,5 @@
 /* vobrel: checked intrusive first-in-first-out queues.
+ * Sources: util/src/queue.cpp, util/src/queue_private.h (the bodies).
  *
  * A queue threads caller-owned records through their first word; it never
  * allocates, copies or frees an element. An element on no queue has a null

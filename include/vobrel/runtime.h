@@ -1,4 +1,5 @@
 /* vobrel: runtime start-up.
+ * Sources: runtime/src/vobrel_runtime.cpp.
  *
  * A process brings the runtime up once, from one thread, before its other
  * threads use it:

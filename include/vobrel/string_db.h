@@ -1,4 +1,5 @@
 /* vobrel: the string database: one shared copy of each distinct text or block.
+ * Sources: util/src/string_db.cpp, util/src/string_db_private.h.
  *
  * Texts (0 to 255 bytes) are found through a CRC-32 of their bytes. An add
  * either takes an anonymous reference (owner id 0xFFFF, handle tag 3) or

@@ -1,4 +1,5 @@
-/* vobrel: shared types and the export convention used by every public header. */
+/* vobrel: shared types and the export convention used by every public header.
+ * Sources: none (types and macros only). */
 #ifndef VOBREL_TYPES_H
 #define VOBREL_TYPES_H
 

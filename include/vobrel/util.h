@@ -1,4 +1,6 @@
 /* vobrel: text and file utilities.
+ * Sources: common/src/vobrel_string.cpp (text),
+ * common/src/vobrel_client_util.cpp (files).
  *
  * Every buffer or array handed back is a zero-filled block from the C heap that
  * the caller owns: release it with free(); an array of strings string by

@@ -1,4 +1,5 @@
-/* vobrel: common runtime services. Including this header brings in every area. */
+/* vobrel: common runtime services. Including this header brings in every area.
+ * Sources: none (it includes every area header). */
 #ifndef VOBREL_VOBREL_H
 #define VOBREL_VOBREL_H
 

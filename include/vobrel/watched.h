@@ -1,4 +1,5 @@
 /* vobrel: watched booleans, queues and read-write locks.
+ * Sources: common/src/vobrel_event_mgmt.cpp.
  *
  * Primitives on which the threads of one process wait for one another. Each
  * is one zero-filled heap block made by its create operation and handed

@@ -1,4 +1,5 @@
 /* vobrel: the OS layer: memory, threads, process controls and the clock tick rate.
+ * Sources: vobrel_xos/src/vobrel_xos.cpp, util/src/zel_timers.cpp (tick rate).
  *
  * Memory blocks are ordinary C heap blocks with nothing added: they may be
  * released with free() as well as xos_free(), and xos_free() takes blocks from

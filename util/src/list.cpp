@@ -6,6 +6,8 @@
 
 #include <cstring>
 
+#include "common/src/library_private.h"
+
 namespace {
 
 // The registry of named lists; its elements are the headers' `element` fields.
@@ -15,7 +17,8 @@ uint32_t list_ID;
 
 const char kUnknownName[] = "(unknown)";
 // Flags a caller may ask for at creation: user bits, automatic, interrupt-safe.
-constexpr uint16_t kCreateFlagsMask = 0xff0c;
+constexpr uint16_t kCreateFlagsMask = LIST_FLAGS_USER_MASK | LIST_FLAGS_AUTOMATIC | LIST_FLAGS_INTERRUPT_SAFE;
+static_assert(kCreateFlagsMask == 0xff0c);
 
 bool valid(const list_header *list)
 {
@@ -209,7 +212,7 @@ list_header *zel_list_create(list_header *list, uint16_t maximum, const char *na
     if (!list) {
         if (list_header_chunk < static_cast<int>(sizeof(list_header)))
             return nullptr;
-        list = static_cast<list_header *>(xos_malloc(const_cast<char *>(__FILE__), __LINE__, list_header_chunk));
+        list = static_cast<list_header *>(vobrel::detail::xos_alloc(list_header_chunk));
         if (!list)
             return nullptr;
         list->flags |= LIST_FLAGS_ALLOCATED;
@@ -227,7 +230,7 @@ list_header *zel_list_create(list_header *list, uint16_t maximum, const char *na
     zel_list_set_action(list, nullptr);
     if (name && !list_enqueue(&listQ, &list->element, list)) {
         if (list->flags & LIST_FLAGS_ALLOCATED)
-            xos_free(const_cast<char *>(__FILE__), __LINE__, list);
+            vobrel::detail::xos_release(list);
         return nullptr;
     }
     list->flags |= LIST_FLAGS_VALID;
@@ -244,7 +247,7 @@ void zel_list_destroy(list_header *list)
     if (list->element.list && !list_remove(&listQ, &list->element, nullptr))
         return;
     if (list->flags & LIST_FLAGS_ALLOCATED)
-        xos_free(const_cast<char *>(__FILE__), __LINE__, list);
+        vobrel::detail::xos_release(list);
     else
         list->flags = 0;
 }

@@ -5,6 +5,8 @@
 #include <vobrel/list.h>
 #include <vobrel/xos.h>
 
+#include "common/src/library_private.h"
+
 // Allocation size of one header; 0 until zel_memory_list_init. Not exported.
 extern "C" int list_header_chunk;
 
@@ -99,7 +101,7 @@ static inline list_element *list_malloc_element_inline(list_header *list, list_e
         return element;
     if (list_element_chunk < static_cast<int>(sizeof(list_element)))
         return nullptr;
-    return static_cast<list_element *>(xos_malloc(const_cast<char *>(__FILE__), __LINE__, list_element_chunk));
+    return static_cast<list_element *>(vobrel::detail::xos_alloc(list_element_chunk));
 }
 
 // An automatic list releases the record its action holds; a plain list
@@ -107,5 +109,5 @@ static inline list_element *list_malloc_element_inline(list_header *list, list_e
 static inline void list_free_element_inline(list_header *list, list_element *element)
 {
     if (element && (list->flags & LIST_FLAGS_AUTOMATIC))
-        xos_free(const_cast<char *>(__FILE__), __LINE__, element);
+        vobrel::detail::xos_release(element);
 }

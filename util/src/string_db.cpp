@@ -9,6 +9,7 @@
 #include <strings.h>
 
 #include "util/src/string_db_private.h"
+#include "common/src/library_private.h"
 
 extern "C" {
 
@@ -339,7 +340,7 @@ bool sdb_bump_refcount(sdb_string *s)
 // A new context at the head of the owner's circular list; its handle, or 0.
 sdb_handle sdb_add_context_to_owner(sdb_owner *o, void *owner_context)
 {
-    auto *c = static_cast<sdb_context *>(xos_malloc(const_cast<char *>(__FILE__), __LINE__, sizeof(sdb_context)));
+    auto *c = static_cast<sdb_context *>(vobrel::detail::xos_alloc(sizeof(sdb_context)));
     if (!c)
         return 0;
     c->owner_context = owner_context;
@@ -375,7 +376,7 @@ void sdb_free_owner(sdb_owner *o)
         if (*pp)
             *pp = o->next_owner;
     }
-    xos_free(const_cast<char *>(__FILE__), __LINE__, o);
+    vobrel::detail::xos_release(o);
     if (s && !s->owners && s->refcount == 0)
         sdb_free_string(s);
 }
@@ -392,7 +393,7 @@ void sdb_free_context(sdb_context *c)
         c->prev_context->next_context = c->next_context;
         c->next_context->prev_context = c->prev_context;
     }
-    xos_free(const_cast<char *>(__FILE__), __LINE__, c);
+    vobrel::detail::xos_release(c);
 }
 
 // Releases an owner record with every context it has.
@@ -403,7 +404,7 @@ void free_owner_with_contexts(sdb_owner *o)
         sdb_context *c = head;
         do {
             sdb_context *next = c->next_context;
-            xos_free(const_cast<char *>(__FILE__), __LINE__, c);
+            vobrel::detail::xos_release(c);
             c = next;
         } while (c != head);
         o->info.contexts = nullptr;
@@ -577,7 +578,7 @@ boolean sdb_add_string(const char *buf, int len, sdb_string_types type, sdb_hand
     const sdb_owner_info *info = &sdb_owner_info_array[owner_id];
     if (info->unregistered)
         return FALSE;
-    auto *o = static_cast<sdb_owner *>(xos_malloc(const_cast<char *>(__FILE__), __LINE__, sizeof(sdb_owner)));
+    auto *o = static_cast<sdb_owner *>(vobrel::detail::xos_alloc(sizeof(sdb_owner)));
     if (!o)
         return FALSE;
     o->owner_id = owner_id;
@@ -648,6 +649,7 @@ boolean sdb_find_string(const char *buf, int len, sdb_string_types type, int ind
 
     // An owner record implies an id that was handed out. The array is indexed
     // afresh after the callback, which may have registered a component.
+    VOBREL_ASSERT(id < sdb_max_users);
     sdb_handle (*confirm)(void *) = sdb_owner_info_array[id].get_sdb_handle;
     if (!confirm || confirm(object) != h) {
         sdb_remove_string(h, object);
