@@ -162,14 +162,15 @@ std::vector<Ctx> live(Model &m)
 void find(Model &m, fz::Ops &in, const std::string &b, int len, int type)
 {
     unsigned id = m.comps.empty() ? 0xFFFF : m.comps[in.pick(static_cast<unsigned>(m.comps.size()))].id;
-    int index = in.pick(4);
+    int index = static_cast<int>(in.pick(5)) - 1; // -1 steps no times: it means 0
+    int at = std::max(index, 0);
     void *ctx = &m;
     uint16_t errors = id < m.used_id.size() ? sdb_owner_info_array[id].sanity_check_errors : 0;
     bool ok = sdb_find_string(b.c_str(), len, static_cast<sdb_string_types>(type), index, static_cast<ushort>(id), &ctx);
     Rec *r = len >= 0 && len <= 255 ? lookup(m, b, type) : nullptr;
-    if (!r || !r->owners.count(id) || index >= static_cast<int>(r->owners[id].ctx.size()))
+    if (!r || !r->owners.count(id) || at >= static_cast<int>(r->owners[id].ctx.size()))
         return require(!ok);
-    Ctx c = r->owners[id].ctx[index];
+    Ctx c = r->owners[id].ctx[at];
     require(ctx == c.obj);
     bool confirmed = id < m.used_id.size() && m.used_id[id] && !c.obj->deny && c.obj->h == c.h;
     require(ok == confirmed);
@@ -191,10 +192,6 @@ void set_block(Model &m, fz::Ops &in, const std::string &b, int len, int type)
     bool ok = sdb_set_block(null_buf ? nullptr : b.c_str(), len, static_cast<sdb_string_types>(type), &h);
     if (same)
         return require(ok && h == before);
-    // TODO: sdb_set_block with a bad length: whether the old block goes
-    // before the add is refused is being settled; accept the old block kept.
-    if (!null_buf && (len < 0 || len > 255) && !ok && h == before)
-        return;
     if (before)
         require(remove_model(m, before, nullptr));
     bool want = !null_buf && add_model(m, b, len, type, 0xFFFF, nullptr, h);
@@ -210,7 +207,7 @@ void reg(Model &m, fz::Ops &in)
     bool ok = sdb_register_component(misuse == 0 ? nullptr : const_cast<char *>("fuzz"), misuse == 1 ? nullptr : cb,
                                      unique, misuse == 2 ? nullptr : &id);
     if (misuse <= 2)
-        return require(!ok && (id == 1234 || id == 0xFFFF)); // TODO: 0xFFFF is written only after the argument checks
+        return require(!ok && id == 1234); // refused before anything is written
     size_t want = std::find(m.used_id.begin(), m.used_id.end(), false) - m.used_id.begin();
     require(ok && id == want && sdb_max_users == std::max<size_t>(m.used_id.size(), want + 1));
     if (want == m.used_id.size())
@@ -230,8 +227,8 @@ void unreg(Model &m, fz::Ops &in)
         live = c.id == id && c.live ? &c : live;
     int how = in.pick(3);
     auto cb = how == 0 ? confirm : how == 1 ? confirm_too : nullptr;
-    if (!live && !cb)
-        return; // TODO: a freed id with a null callback is being settled elsewhere
+    if (!live && !cb) // a freed entry is cleared: its null callback matches
+        return require(sdb_unregister_component(id, cb));
     bool ok = sdb_unregister_component(id, cb);
     require(ok == (live && cb == live->cb));
     if (!ok)
