@@ -10,6 +10,8 @@
 #include <pthread.h>
 #include <set>
 #include <thread>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -268,6 +270,32 @@ TEST(LogFile, KilledWritersAlwaysLeaveAHeaderThatAgreesWithTheRecords)
         }
     }
     EXPECT_GT(reopened_checked, kills / 4);
+}
+
+// On a full file system records are lost without a word and every call still
+// returns; once there is room again, the next records reach the file.
+TEST(LogFile, FullFileSystemDropsRecordsAndCarriesOnWhenRoomReturns)
+{
+    const std::string dir = fake::log_dir() + "/small", filler = dir + "/filler";
+    ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
+    if (mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=64k") != 0)
+        GTEST_SKIP() << "cannot mount a small tmpfs here";
+    {
+        std::ofstream f(filler, std::ios::binary);
+        const std::string block(4096, 'f');
+        for (int i = 0; i < 64 && f.write(block.data(), block.size()).flush(); ++i) {
+        }
+    }
+    fake::set_log_store_path(dir + "/app.log");
+    for (int i = 0; i < 50; ++i)
+        EXPECT_EQ(vobrel_write_to_log(nullptr, 0, "lost %d", i), 0);
+    unlink(filler.c_str());
+    for (int i = 0; i < 3; ++i)
+        vobrel_write_to_log(nullptr, 0, "after %d", i);
+    std::ifstream f(dir + "/app.log." + vob_proc_name, std::ios::binary);
+    const std::string s((std::istreambuf_iterator<char>(f)), {});
+    umount2(dir.c_str(), MNT_DETACH);
+    EXPECT_NE(s.find("}:after 2"), std::string::npos) << s;
 }
 
 TEST(LogFile, TimeStampLimits)
