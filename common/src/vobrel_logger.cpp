@@ -34,7 +34,21 @@ sem_t logger_sem;
 pthread_once_t logger_sem_once = PTHREAD_ONCE_INIT;
 FILE *fp;
 uint32_t log_index;
+// The stream's position, kept here so that a record costs no lseek: advanced
+// by what each print wrote, and read back from the stream after any failure.
+long log_pos;
 const char *ver_str = "Unknown";
+
+// Tries at the lock before sleeping on it; bounded, so a single core loses
+// at most a few microseconds.
+constexpr int kSpinTries = 200;
+
+inline void spin_pause()
+{
+#if defined(__i386__) || defined(__x86_64__)
+    __builtin_ia32_pause();
+#endif
+}
 
 // The semaphore is created exactly once per process, before any thread can
 // use it; a retried initialisation never re-creates it under a waiter.
@@ -46,6 +60,15 @@ void logger_sem_create()
 void logger_lock()
 {
     pthread_once(&logger_sem_once, logger_sem_create);
+    // A record holds the lock for about a microsecond. Sleeping on the
+    // semaphore costs a futex wait and, on release, a wake-up per record,
+    // which halved the throughput of four logging threads; a short bounded
+    // spin takes the lock as it is handed back.
+    for (int i = 0; i < kSpinTries; ++i) {
+        if (sem_trywait(&logger_sem) == 0)
+            return;
+        spin_pause();
+    }
     // A signal may interrupt the wait; only a completed wait holds the lock.
     while (sem_wait(&logger_sem) != 0 && errno == EINTR) {
     }
@@ -76,6 +99,19 @@ void write_header(int fd, long pos, uint32_t number)
     if (pwrite(fd, hdr, static_cast<size_t>(n), 0) < 0) {
         // Errors while writing are not reported; the next record retries.
     }
+}
+
+// Accounts for one print of `n` bytes (negative on failure).
+void advance(int n)
+{
+    log_pos = n >= 0 ? log_pos + n : ftell(fp);
+}
+
+// Flushes; after a failed flush the stream's own position is the truth.
+void flush()
+{
+    if (fflush(fp) != 0)
+        log_pos = ftell(fp);
 }
 
 // With the lock held: while no file is open but another thread has claimed
@@ -140,16 +176,14 @@ bool logger_init_locked()
 
     int pos = read_header_field(fp);
     log_index = static_cast<uint32_t>(read_header_field(fp));
-    if (pos != 0 && pos < log_file_size)
-        fseek(fp, pos, SEEK_SET);
-    else
-        fseek(fp, kHeaderSize, SEEK_SET);
+    log_pos = pos != 0 && pos < log_file_size ? pos : kHeaderSize;
+    fseek(fp, log_pos, SEEK_SET);
 
     const char *v = vobrel_get_qmt_version();
     ver_str = v ? v : "Unknown";
     char ts[50];
-    fprintf(fp, "\n[QMT-VER-%s] Logger initialized %s", ver_str, vob_mk_time_str(ts, sizeof ts));
-    fflush(fp);
+    advance(fprintf(fp, "\n[QMT-VER-%s] Logger initialized %s", ver_str, vob_mk_time_str(ts, sizeof ts)));
+    flush();
     return true;
 }
 
@@ -185,25 +219,27 @@ extern "C" int vobrel_write_to_log(const char *func, int lno, const char *fmt, .
     }
 
     char ts[50];
-    if (ftell(fp) >= log_file_size) {
+    if (log_pos >= log_file_size) {
         fseek(fp, kHeaderSize, SEEK_SET);
+        log_pos = kHeaderSize;
         log_index = 0;
-        fprintf(fp, "\n[QMT-VER-%s] HIT %d Limit, Wrapping up %s\n", ver_str, log_file_size,
-                vob_mk_time_str(ts, sizeof ts));
-        fflush(fp);
+        advance(fprintf(fp, "\n[QMT-VER-%s] HIT %d Limit, Wrapping up %s\n", ver_str, log_file_size,
+                        vob_mk_time_str(ts, sizeof ts)));
+        flush();
     }
 
     uint32_t n = log_index++;
-    fprintf(fp, "\n%s[%d]{%d}:", vob_mk_time_str(ts, sizeof ts), static_cast<int>(n), static_cast<int>(getpid()));
+    advance(fprintf(fp, "\n%s[%d]{%d}:", vob_mk_time_str(ts, sizeof ts), static_cast<int>(n),
+                    static_cast<int>(getpid())));
     if (func)
-        fprintf(fp, "%s(%d): ", func, lno);
+        advance(fprintf(fp, "%s(%d): ", func, lno));
     va_list ap;
     va_start(ap, fmt);
-    vfprintf(fp, fmt, ap);
+    advance(vfprintf(fp, fmt, ap));
     va_end(ap);
-    fflush(fp);
+    flush();
 
-    write_header(fileno(fp), ftell(fp), log_index - 1);
+    write_header(fileno(fp), log_pos, log_index - 1);
 
     logger_unlock();
     return 0;
