@@ -1,7 +1,8 @@
-// The string database against glib, side by side on the same texts: taking a
-// reference to a text already stored (the sharing path) against
-// g_intern_string, and storing distinct texts against GHashTable inserts. Also
-// the CRC's throughput against the bytewise table loop it must equal.
+// The string database beside its baselines, side by side on the same texts:
+// taking a reference to a text already stored (the sharing path) against a
+// plain C interning table and, where glib is installed, g_intern_string;
+// storing distinct texts against GHashTable inserts. Also the CRC's throughput
+// against the bytewise table loop it must equal.
 //
 // The database is process-wide and its table never shrinks, so the first
 // benchmark to fill it pays for the doublings; SdbFirstFill runs first and
@@ -10,7 +11,9 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <pthread.h>
 #include <random>
 #include <string>
 #include <unordered_set>
@@ -120,6 +123,57 @@ void BM_SdbAddShared(benchmark::State &state)
         sdb_remove_string(h, nullptr);
 }
 BENCHMARK(BM_SdbAddShared);
+
+// The plain C interning table, the baseline on every architecture: what an
+// intern call does at its simplest. One global lock, a string hash
+// (h * 33 + c), chained buckets sized ahead for every text, a compare, and a
+// malloc'd copy for a text not yet held.
+struct CIntern {
+    struct Entry {
+        Entry *next;
+        char text[];
+    };
+    static constexpr size_t kBuckets = 1u << 17;
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    Entry **buckets = static_cast<Entry **>(calloc(kBuckets, sizeof(Entry *)));
+
+    const char *intern(const char *s)
+    {
+        size_t h = 5381;
+        for (const char *p = s; *p; ++p)
+            h = h * 33 + static_cast<unsigned char>(*p);
+        pthread_mutex_lock(&mutex);
+        Entry **slot = &buckets[h & (kBuckets - 1)];
+        Entry *e = *slot;
+        while (e && strcmp(e->text, s) != 0)
+            e = e->next;
+        if (!e) {
+            size_t n = strlen(s) + 1;
+            e = static_cast<Entry *>(malloc(sizeof(Entry) + n));
+            memcpy(e->text, s, n);
+            e->next = *slot;
+            *slot = e;
+        }
+        pthread_mutex_unlock(&mutex);
+        return e->text;
+    }
+};
+
+void BM_CInternShared(benchmark::State &state)
+{
+    static CIntern table;
+    for (const auto &t : texts())
+        table.intern(t.c_str());
+    const auto &order = lookups();
+    size_t i = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(table.intern(order[i]->c_str()));
+        if (++i == order.size())
+            i = 0;
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_CInternShared);
 
 #ifdef VOBREL_BENCH_HAVE_GLIB
 void BM_GlibInternShared(benchmark::State &state)

@@ -4,7 +4,11 @@
 //              thread; one iteration is the whole hand-over.
 //       watched:      process_data_enqueue / process_wait_on_queue +
 //                     process_data_dequeue until null
-//       gasyncqueue:  g_async_queue_push / g_async_queue_pop
+//       gasyncqueue:  g_async_queue_push / g_async_queue_pop (where glib is
+//                     installed for the architecture)
+//       c_asyncqueue: the same shape in plain C: one mutex, one condition
+//                     variable signalled only when the consumer waits, a
+//                     malloc'd node per item
 //       std_deque:    std::mutex + std::condition_variable + std::deque,
 //                     notify_one on every push
 //   PingPong/*: two threads bounce a turn through two flags; one iteration is
@@ -20,6 +24,8 @@
 #include <cstdint>
 #include <deque>
 #include <mutex>
+#include <pthread.h>
+#include <cstdlib>
 #include <thread>
 
 #include <vobrel/watched.h>
@@ -30,16 +36,16 @@
 
 namespace {
 
-constexpr long kItems = 1000000;
+constexpr int64_t kItems = 1000000;
 
-void *item(long i)
+void *item(int64_t i)
 {
     return reinterpret_cast<void *>(static_cast<uintptr_t>(i + 1));
 }
 
-long value(void *p)
+int64_t value(void *p)
 {
-    return static_cast<long>(reinterpret_cast<uintptr_t>(p)) - 1;
+    return static_cast<int64_t>(reinterpret_cast<uintptr_t>(p)) - 1;
 }
 
 // Runs `consume` on its own thread while this thread runs `produce`, and
@@ -47,7 +53,7 @@ long value(void *p)
 template <typename Produce, typename Consume> void handoff(benchmark::State &state, Produce produce, Consume consume)
 {
     for (auto _ : state) {
-        long sum = 0;
+        int64_t sum = 0;
         std::thread consumer([&] { sum = consume(); });
         produce();
         consumer.join();
@@ -63,11 +69,11 @@ void Handoff_watched(benchmark::State &state)
     handoff(
         state,
         [&] {
-            for (long i = 0; i < kItems; ++i)
+            for (int64_t i = 0; i < kItems; ++i)
                 process_data_enqueue(wq, item(i));
         },
         [&] {
-            long got = 0, sum = 0;
+            int64_t got = 0, sum = 0;
             while (got < kItems) {
                 process_wait_on_queue(wq);
                 for (void *p; (p = process_data_dequeue(wq)) != nullptr; ++got)
@@ -85,18 +91,78 @@ void Handoff_gasyncqueue(benchmark::State &state)
     handoff(
         state,
         [&] {
-            for (long i = 0; i < kItems; ++i)
+            for (int64_t i = 0; i < kItems; ++i)
                 g_async_queue_push(q, item(i));
         },
         [&] {
-            long sum = 0;
-            for (long got = 0; got < kItems; ++got)
+            int64_t sum = 0;
+            for (int64_t got = 0; got < kItems; ++got)
                 sum += value(g_async_queue_pop(q));
             return sum;
         });
     g_async_queue_unref(q);
 }
 #endif
+
+// The plain C asynchronous queue: the baseline on every architecture.
+struct CAsyncQueue {
+    struct Node {
+        Node *next;
+        void *data;
+    };
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
+    Node *head = nullptr, *tail = nullptr;
+    int waiting = 0;
+
+    void push(void *data)
+    {
+        Node *n = static_cast<Node *>(malloc(sizeof(Node)));
+        n->next = nullptr;
+        n->data = data;
+        pthread_mutex_lock(&mutex);
+        (tail ? tail->next : head) = n;
+        tail = n;
+        if (waiting > 0)
+            pthread_cond_signal(&cond);
+        pthread_mutex_unlock(&mutex);
+    }
+
+    void *pop()
+    {
+        pthread_mutex_lock(&mutex);
+        while (!head) {
+            ++waiting;
+            pthread_cond_wait(&cond, &mutex);
+            --waiting;
+        }
+        Node *n = head;
+        head = n->next;
+        if (!head)
+            tail = nullptr;
+        pthread_mutex_unlock(&mutex);
+        void *data = n->data;
+        free(n);
+        return data;
+    }
+};
+
+void Handoff_c_asyncqueue(benchmark::State &state)
+{
+    CAsyncQueue q;
+    handoff(
+        state,
+        [&] {
+            for (int64_t i = 0; i < kItems; ++i)
+                q.push(item(i));
+        },
+        [&] {
+            int64_t sum = 0;
+            for (int64_t got = 0; got < kItems; ++got)
+                sum += value(q.pop());
+            return sum;
+        });
+}
 
 void Handoff_std_deque(benchmark::State &state)
 {
@@ -106,7 +172,7 @@ void Handoff_std_deque(benchmark::State &state)
     handoff(
         state,
         [&] {
-            for (long i = 0; i < kItems; ++i) {
+            for (int64_t i = 0; i < kItems; ++i) {
                 {
                     std::lock_guard<std::mutex> g(m);
                     q.push_back(item(i));
@@ -115,8 +181,8 @@ void Handoff_std_deque(benchmark::State &state)
             }
         },
         [&] {
-            long sum = 0;
-            for (long got = 0; got < kItems; ++got) {
+            int64_t sum = 0;
+            for (int64_t got = 0; got < kItems; ++got) {
                 std::unique_lock<std::mutex> g(m);
                 cv.wait(g, [&] { return !q.empty(); });
                 sum += value(q.front());
@@ -195,6 +261,7 @@ BENCHMARK(Handoff_watched)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterat
 #ifdef VOBREL_BENCH_HAVE_GLIB
 BENCHMARK(Handoff_gasyncqueue)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 #endif
+BENCHMARK(Handoff_c_asyncqueue)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 BENCHMARK(Handoff_std_deque)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 BENCHMARK(PingPong_watched)->Unit(benchmark::kMicrosecond)->UseRealTime();
 BENCHMARK(PingPong_std_condvar)->Unit(benchmark::kMicrosecond)->UseRealTime();

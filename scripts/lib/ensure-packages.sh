@@ -7,8 +7,13 @@ VOBREL_PKGS_DEMO=(cmake ninja-build g++)
 VOBREL_PKGS_TEST=(cmake ninja-build g++ g++-multilib clang libclang-rt-14-dev googletest
                   libbenchmark-dev libglib2.0-dev binutils pkg-config python3 abigail-tools
                   lintian dpkg-dev man-db groff-base qemu-user)
+VOBREL_PKGS_BENCH=(cmake ninja-build g++ g++-multilib libbenchmark-dev libglib2.0-dev pkg-config
+                   python3 gnuplot-nox)
+# Packages of the target architecture, installed beside the host's ones.
+VOBREL_PKGS_BENCH_I386=(libbenchmark-dev:i386)
 
-# ensure_packages PKG...: every PKG installed afterwards, or exit 1.
+# ensure_packages PKG...: every PKG installed afterwards, or exit 1. A name
+# with ":i386" first adds that architecture to dpkg.
 ensure_packages() {
   local missing=() pkg
   if ! command -v dpkg >/dev/null || ! command -v apt-get >/dev/null; then
@@ -16,7 +21,8 @@ ensure_packages() {
     exit 1
   fi
   for pkg in "$@"; do
-    dpkg -s "$pkg" >/dev/null 2>&1 || missing+=("$pkg")
+    # One line per installed architecture of the package; any of them will do.
+    dpkg-query -W -f='${db:Status-Abbrev}\n' "$pkg" 2>/dev/null | grep -q '^ii' || missing+=("$pkg")
   done
   [ ${#missing[@]} -eq 0 ] && return 0
   local sudo=()
@@ -29,6 +35,11 @@ ensure_packages() {
   fi
   echo "=== installing: ${missing[*]}"
   export DEBIAN_FRONTEND=noninteractive
-  "${sudo[@]}" apt-get update -qq
+  if [[ " ${missing[*]}" == *:i386* ]] && ! dpkg --print-foreign-architectures | grep -qx i386; then
+    "${sudo[@]}" dpkg --add-architecture i386
+  fi
+  # A mirror in the middle of a sync fails one index now and then; the
+  # install below says whether what is needed could still be found.
+  "${sudo[@]}" apt-get update -qq || echo "=== apt-get update had errors; installing anyway" >&2
   "${sudo[@]}" apt-get install -y -qq "${missing[@]}" >/dev/null
 }
