@@ -27,6 +27,8 @@
 
 #include "util/src/queue_private.h"
 
+using namespace vobrel::detail;
+
 namespace {
 
 constexpr int kDepth = 16;
@@ -91,17 +93,17 @@ void Locked_inline_bodies(benchmark::State &state)
     queuetype q{};
     Elem el[kDepth]{};
     for (auto &e : el)
-        enqueue_inline(&q, &e, "bench");
+        enqueue_body(&q, &e, "bench");
     benchmark::DoNotOptimize(&q);
     for (auto _ : state) {
         void *e;
         {
             QueueLock lock;
-            e = dequeue_inline(&q, "bench");
+            e = dequeue_body(&q, "bench");
         }
         {
             QueueLock lock;
-            enqueue_inline(&q, e, "bench");
+            enqueue_body(&q, e, "bench");
         }
         benchmark::DoNotOptimize(e);
     }
@@ -125,11 +127,11 @@ void Unlocked_inline_bodies(benchmark::State &state)
     queuetype q{};
     Elem el[kDepth]{};
     for (auto &e : el)
-        enqueue_inline(&q, &e, "bench");
+        enqueue_body(&q, &e, "bench");
     benchmark::DoNotOptimize(&q);
     for (auto _ : state) {
-        void *e = dequeue_inline(&q, "bench");
-        enqueue_inline(&q, e, "bench");
+        void *e = dequeue_body(&q, "bench");
+        enqueue_body(&q, e, "bench");
         benchmark::DoNotOptimize(e);
         benchmark::ClobberMemory();
     }

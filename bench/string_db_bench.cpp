@@ -23,6 +23,8 @@
 
 #include "util/src/string_db_private.h"
 
+using vobrel::detail::sdb_do_crc;
+
 #ifdef VOBREL_BENCH_HAVE_GLIB
 #include <glib.h>
 #endif

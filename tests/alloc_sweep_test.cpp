@@ -25,6 +25,8 @@
 #include "support/fake_platform.h"
 #include "util/src/string_db_private.h"
 
+using vobrel::detail::sdb_test_get_sdb_handle_from_struct;
+
 namespace {
 
 using Lines = std::vector<std::string>;

@@ -70,7 +70,7 @@ struct List : ::testing::Test {
     {
         zel_list_init();
         zel_memory_list_init();
-        list_element_chunk = list_header_chunk = kLarge;
+        list_element_chunk = vobrel::detail::list_header_chunk = kLarge;
         made = 0;
         fake::clear_recordings();
     }

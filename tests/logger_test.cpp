@@ -21,6 +21,8 @@
 #include "support/alloc_fail.h"
 #include "support/fake_platform.h"
 
+using vobrel::detail::vob_mk_time_str;
+
 using Lines = std::vector<std::string>;
 static const char kBanner[] = "\n[QMT-VER-1.2.1 Build 0] Logger initialized ";
 

@@ -57,8 +57,8 @@ queue_compare_result by_key(void *queued, void *inserted)
 std::vector<int> lock_seen;
 void probe_lock()
 {
-    int rc = pthread_mutex_trylock(&vobrel::queue_func_mutex);
-    lock_seen.push_back(rc == 0 ? pthread_mutex_unlock(&vobrel::queue_func_mutex) : rc); // 0 when it was free
+    int rc = pthread_mutex_trylock(&vobrel::detail::queue_func_mutex);
+    lock_seen.push_back(rc == 0 ? pthread_mutex_unlock(&vobrel::detail::queue_func_mutex) : rc); // 0 when it was free
 }
 
 } // namespace

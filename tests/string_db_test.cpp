@@ -14,6 +14,9 @@
 #include "support/alloc_fail.h"
 #include "util/src/string_db_private.h"
 
+using vobrel::detail::sdb_do_crc;
+using vobrel::detail::sdb_test_get_sdb_handle_from_struct;
+
 namespace {
 
 // Bit by bit, no table: the definition the database must reproduce.

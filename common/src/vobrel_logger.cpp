@@ -17,6 +17,8 @@
 
 #include "common/src/vobrel_logger_private.h"
 
+using vobrel::detail::vob_mk_time_str;
+
 extern "C" {
 int log_file_size;
 char vob_proc_name[10] = "vobrelapp";
@@ -189,7 +191,7 @@ bool logger_init_locked()
 
 } // namespace
 
-char *vob_mk_time_str(char *buf, int len)
+char *vobrel::detail::vob_mk_time_str(char *buf, int len)
 {
     time_t now = time(nullptr);
     if (!buf)

@@ -10,6 +10,8 @@
 
 #include "util/src/queue_private.h"
 
+using namespace vobrel::detail;
+
 namespace {
 
 // Wrappers come from the heap one at a time and are never pooled. Every field
@@ -57,7 +59,7 @@ void *zel_data_enqueue(queuetype *queue, void *data)
     }
     w->pakptr = data;
     QueueLock lock;
-    enqueue_inline(queue, w, __func__); // a fresh wrapper is never refused
+    enqueue_body(queue, w, __func__); // a fresh wrapper is never refused
     return data;
 }
 
@@ -70,7 +72,7 @@ void *zel_data_requeue(queuetype *queue, void *data)
         return nullptr;
     w->pakptr = data;
     QueueLock lock;
-    requeue_inline(queue, w, __func__);
+    requeue_body(queue, w, __func__);
     return data;
 }
 
@@ -79,7 +81,7 @@ void *zel_data_dequeue(queuetype *queue)
     elementtype *w;
     {
         QueueLock lock;
-        w = static_cast<elementtype *>(dequeue_inline(queue, __func__));
+        w = static_cast<elementtype *>(dequeue_body(queue, __func__));
     }
     if (!w)
         return nullptr;
@@ -98,7 +100,7 @@ void *zel_data_unqueue(queuetype *queue, void *data)
     {
         QueueLock lock;
         // A wrapper another thread took in between stays with that thread.
-        if (!unqueue_inline(queue, w, __func__))
+        if (!unqueue_body(queue, w, __func__))
             return nullptr;
     }
     element_free_inline(w);

@@ -8,6 +8,14 @@
 
 #include "common/src/library_private.h"
 
+namespace vobrel::detail {
+
+int list_header_chunk;
+
+} // namespace vobrel::detail
+
+using namespace vobrel::detail;
+
 namespace {
 
 // The registry of named lists; its elements are the headers' `element` fields.
@@ -36,13 +44,13 @@ boolean link_checked(list_header *list, list_element *element, void *data, bool 
 {
     if (!list)
         return FALSE;
-    element = list_malloc_element_inline(list, element);
+    element = list_malloc_element_body(list, element);
     if (!valid(list) || full(list) || !element || element->list) {
-        list_free_element_inline(list, element);
+        list_free_element_body(list, element);
         return FALSE;
     }
     element->data = data;
-    list_insert_element_inline(list, at_tail ? list->tail : nullptr, element);
+    list_insert_element_body(list, at_tail ? list->tail : nullptr, element);
     return TRUE;
 }
 
@@ -50,9 +58,9 @@ boolean link_checked(list_header *list, list_element *element, void *data, bool 
 // automatic list, releases the record.
 void *unlink_done(list_header *list, list_element *element)
 {
-    list_remove_element_inline(list, element);
+    list_remove_element_body(list, element);
     void *data = element->data;
-    list_free_element_inline(list, element);
+    list_free_element_body(list, element);
     return data;
 }
 
@@ -85,7 +93,6 @@ void set_flag(list_header *list, uint16_t flag, boolean enabled)
 extern "C" {
 
 int list_element_chunk;
-int list_header_chunk;
 
 list_action_t list_action_vectors_default = {
     list_enqueue_default, list_dequeue_default, list_requeue_default,
@@ -113,9 +120,9 @@ boolean list_insert_default(list_header *list, list_element *element, void *data
 {
     if (!list)
         return FALSE;
-    element = list_malloc_element_inline(list, element);
+    element = list_malloc_element_body(list, element);
     if (!valid(list) || full(list) || !element || element->list || !func) {
-        list_free_element_inline(list, element);
+        list_free_element_body(list, element);
         return FALSE;
     }
     element->data = data;
@@ -123,7 +130,7 @@ boolean list_insert_default(list_header *list, list_element *element, void *data
     for (list_element *p = list->head; p; p = p->next) {
         int32_t order = func(p->data, data);
         if (order == 0) {
-            list_free_element_inline(list, element);
+            list_free_element_body(list, element);
             return FALSE;
         }
         if (order > 0) {
@@ -131,7 +138,7 @@ boolean list_insert_default(list_header *list, list_element *element, void *data
             break;
         }
     }
-    list_insert_element_inline(list, before ? before->prev : list->tail, element);
+    list_insert_element_body(list, before ? before->prev : list->tail, element);
     return TRUE;
 }
 
@@ -161,10 +168,10 @@ void *list_lookup_default(list_header *list, list_element *element, void *key, l
     if (!list)
         return nullptr;
     if (!func) {
-        list_free_element_inline(list, element);
+        list_free_element_body(list, element);
         return nullptr;
     }
-    element = list_malloc_element_inline(list, element);
+    element = list_malloc_element_body(list, element);
     if (!element)
         return nullptr;
     element->data = key;
@@ -175,7 +182,7 @@ void *list_lookup_default(list_header *list, list_element *element, void *key, l
             break;
         }
     }
-    list_free_element_inline(list, element);
+    list_free_element_body(list, element);
     return found;
 }
 
@@ -212,7 +219,7 @@ list_header *zel_list_create(list_header *list, uint16_t maximum, const char *na
     if (!list) {
         if (list_header_chunk < static_cast<int>(sizeof(list_header)))
             return nullptr;
-        list = static_cast<list_header *>(vobrel::detail::xos_alloc(list_header_chunk));
+        list = static_cast<list_header *>(xos_alloc(list_header_chunk));
         if (!list)
             return nullptr;
         list->flags |= LIST_FLAGS_ALLOCATED;
@@ -230,7 +237,7 @@ list_header *zel_list_create(list_header *list, uint16_t maximum, const char *na
     zel_list_set_action(list, nullptr);
     if (name && !list_enqueue(&listQ, &list->element, list)) {
         if (list->flags & LIST_FLAGS_ALLOCATED)
-            vobrel::detail::xos_release(list);
+            xos_release(list);
         return nullptr;
     }
     list->flags |= LIST_FLAGS_VALID;
@@ -247,7 +254,7 @@ void zel_list_destroy(list_header *list)
     if (list->element.list && !list_remove(&listQ, &list->element, nullptr))
         return;
     if (list->flags & LIST_FLAGS_ALLOCATED)
-        vobrel::detail::xos_release(list);
+        xos_release(list);
     else
         list->flags = 0;
 }
@@ -336,20 +343,20 @@ void zel_list_set_interrupt_safe(list_header *list, boolean enabled)
 void zel_list_insert_element(list_header *list, list_element *previous, list_element *element)
 {
     if (list && element)
-        list_insert_element_inline(list, previous, element);
+        list_insert_element_body(list, previous, element);
 }
 
 void zel_list_remove_element(list_header *list, list_element *element)
 {
     if (list && element)
-        list_remove_element_inline(list, element);
+        list_remove_element_body(list, element);
 }
 
 void zel_list_excise(list_header *list, list_element *corrupted)
 {
     if (!list || !valid(list) || !list->head)
         return;
-    list_excise_element_inline(list, corrupted);
+    list_excise_element_body(list, corrupted);
 }
 
 boolean zel_list_merge(list_header *dst_list, list_header *src_list)
@@ -392,8 +399,8 @@ boolean zel_list_move(list_header *new_list, list_element *element)
     list_header *old = element->list;
     if (!old || !valid(old) || !valid(new_list) || !old->head)
         return FALSE;
-    list_remove_element_inline(old, element);
-    list_insert_element_inline(new_list, new_list->tail, element);
+    list_remove_element_body(old, element);
+    list_insert_element_body(new_list, new_list->tail, element);
     return TRUE;
 }
 

@@ -1,18 +1,22 @@
 // List internals shared by the list module and its tests: the link primitives
-// and the element allocation of automatic lists, written once.
-#pragma once
+// and the element allocation of automatic lists, written once. Named *_body,
+// like the queue bodies, so they are not taken for public *_inline helpers.
+#ifndef VOBREL_LIST_PRIVATE_H
+#define VOBREL_LIST_PRIVATE_H
 
 #include <vobrel/list.h>
 #include <vobrel/xos.h>
 
 #include "common/src/library_private.h"
 
+namespace vobrel::detail {
+
 // Allocation size of one header; 0 until zel_memory_list_init. Not exported.
-extern "C" int list_header_chunk;
+extern int list_header_chunk;
 
 // Links `element` after `previous`, or at the head when `previous` is null,
 // and counts it on `list`.
-static inline void list_insert_element_inline(list_header *list, list_element *previous, list_element *element)
+inline void list_insert_element_body(list_header *list, list_element *previous, list_element *element)
 {
     if (previous) {
         element->prev = previous;
@@ -33,7 +37,7 @@ static inline void list_insert_element_inline(list_header *list, list_element *p
 
 // Unlinks `element` from `list`; the count dropped is that of the list the
 // element names. A count already at 0 stays there.
-static inline void list_remove_element_inline(list_header *list, list_element *element)
+inline void list_remove_element_body(list_header *list, list_element *element)
 {
     if (element->next)
         element->next->prev = element->prev;
@@ -55,7 +59,7 @@ static inline void list_remove_element_inline(list_header *list, list_element *e
 // walking backward from the tail, and each walk stops before it would step
 // onto `corrupted`. FALSE (nothing changed) when `corrupted` is neither the
 // head nor the successor of any element reached from the head.
-static inline bool list_excise_element_inline(list_header *list, list_element *corrupted)
+inline bool list_excise_element_body(list_header *list, list_element *corrupted)
 {
     list_element *pred = nullptr;
     if (corrupted != list->head) {
@@ -95,19 +99,23 @@ static inline bool list_excise_element_inline(list_header *list, list_element *c
 // The element an action works with: the one given, or on an automatic list
 // a fresh zero-filled record when none was given (null if that fails, or if
 // the element size is not set up yet).
-static inline list_element *list_malloc_element_inline(list_header *list, list_element *element)
+inline list_element *list_malloc_element_body(list_header *list, list_element *element)
 {
     if (element || !(list->flags & LIST_FLAGS_AUTOMATIC))
         return element;
     if (list_element_chunk < static_cast<int>(sizeof(list_element)))
         return nullptr;
-    return static_cast<list_element *>(vobrel::detail::xos_alloc(list_element_chunk));
+    return static_cast<list_element *>(xos_alloc(list_element_chunk));
 }
 
 // An automatic list releases the record its action holds; a plain list
 // never releases anything.
-static inline void list_free_element_inline(list_header *list, list_element *element)
+inline void list_free_element_body(list_header *list, list_element *element)
 {
     if (element && (list->flags & LIST_FLAGS_AUTOMATIC))
-        vobrel::detail::xos_release(element);
+        xos_release(element);
 }
+
+} // namespace vobrel::detail
+
+#endif // VOBREL_LIST_PRIVATE_H

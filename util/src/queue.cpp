@@ -7,11 +7,13 @@
 
 #include "util/src/queue_private.h"
 
-namespace vobrel {
+namespace vobrel::detail {
 
 pthread_mutex_t queue_func_mutex = PTHREAD_MUTEX_INITIALIZER;
 
-} // namespace vobrel
+} // namespace vobrel::detail
+
+using namespace vobrel::detail;
 
 extern "C" {
 
@@ -67,56 +69,56 @@ boolean zel_queue_init(queuetype *q, int32_t maximum)
 boolean zel_enqueue(queuetype *qptr, void *eaddr)
 {
     QueueLock lock;
-    return enqueue_inline(qptr, eaddr, __func__);
+    return enqueue_body(qptr, eaddr, __func__);
 }
 
 boolean zel_requeue(queuetype *qptr, void *eaddr)
 {
     QueueLock lock;
-    return requeue_inline(qptr, eaddr, __func__);
+    return requeue_body(qptr, eaddr, __func__);
 }
 
 void *zel_dequeue(queuetype *qptr)
 {
     QueueLock lock;
-    return dequeue_inline(qptr, __func__);
+    return dequeue_body(qptr, __func__);
 }
 
 boolean zel_unqueue(queuetype *q, void *e)
 {
     QueueLock lock;
-    return unqueue_inline(q, e, __func__);
+    return unqueue_body(q, e, __func__);
 }
 
 boolean zel_queue_insert_comp(queuetype *qptr, void *eaddr, queue_compare_func compfunc)
 {
     QueueLock lock;
-    return queue_insert_comp_inline(qptr, eaddr, compfunc, __func__);
+    return queue_insert_comp_body(qptr, eaddr, compfunc, __func__);
 }
 
 boolean zel_p_enqueue(queuetype *qptr, void *eaddr)
 {
-    return enqueue_inline(qptr, eaddr, __func__);
+    return enqueue_body(qptr, eaddr, __func__);
 }
 
 boolean zel_p_requeue(queuetype *qptr, void *eaddr)
 {
-    return requeue_inline(qptr, eaddr, __func__);
+    return requeue_body(qptr, eaddr, __func__);
 }
 
 void *zel_p_dequeue(queuetype *qptr)
 {
-    return dequeue_inline(qptr, __func__);
+    return dequeue_body(qptr, __func__);
 }
 
 boolean zel_p_unqueue(queuetype *q, void *e)
 {
-    return unqueue_inline(q, e, __func__);
+    return unqueue_body(q, e, __func__);
 }
 
 boolean zel_p_swapqueue(queuetype *qptr, void *enew, void *eold)
 {
-    return swapqueue_inline(qptr, enew, eold, __func__);
+    return swapqueue_body(qptr, enew, eold, __func__);
 }
 
 boolean zel_unqueuenext(queuetype *q, void *prev)

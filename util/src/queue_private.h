@@ -1,6 +1,8 @@
 // Internal interface of the queues: the lock and the bodies shared by each
 // locked operation and its unlocked twin. Callers of these bodies either hold
-// queue_func_mutex or serialise access to the queue themselves.
+// queue_func_mutex or serialise access to the queue themselves. The bodies are
+// named *_body so that they are not taken for the public *_inline helpers of
+// <vobrel/queue.h>, which any caller may use.
 #ifndef VOBREL_QUEUE_PRIVATE_H
 #define VOBREL_QUEUE_PRIVATE_H
 
@@ -10,21 +12,17 @@
 #include <pthread.h>
 #include <stdint.h>
 
-namespace vobrel {
+namespace vobrel::detail {
 
 // The one lock of the six locked operations, across every queue of the
 // process. Statically initialised, default (non-recursive) attributes.
 extern pthread_mutex_t queue_func_mutex;
 
-} // namespace vobrel
-
-namespace {
-
 // Holds queue_func_mutex for a whole operation body, reports included.
 class QueueLock {
 public:
-    QueueLock() { pthread_mutex_lock(&vobrel::queue_func_mutex); }
-    ~QueueLock() { pthread_mutex_unlock(&vobrel::queue_func_mutex); }
+    QueueLock() { pthread_mutex_lock(&queue_func_mutex); }
+    ~QueueLock() { pthread_mutex_unlock(&queue_func_mutex); }
     QueueLock(const QueueLock &) = delete;
     QueueLock &operator=(const QueueLock &) = delete;
 };
@@ -92,7 +90,7 @@ inline void queue_unlink_after(queuetype *q, void *pred, void *e)
     qlink(e) = nullptr;
 }
 
-inline boolean enqueue_inline(queuetype *q, void *e, const char *fname)
+inline boolean enqueue_body(queuetype *q, void *e, const char *fname)
 {
     if (queue_linked(q, e)) {
         queue_report(fname, __LINE__, &msg_SYS_LINKED, queue_enqueueStr, e, q);
@@ -107,7 +105,7 @@ inline boolean enqueue_inline(queuetype *q, void *e, const char *fname)
     return TRUE;
 }
 
-inline boolean requeue_inline(queuetype *q, void *e, const char *fname)
+inline boolean requeue_body(queuetype *q, void *e, const char *fname)
 {
     if (queue_linked(q, e)) {
         queue_report(fname, __LINE__, &msg_SYS_LINKED, queue_requeueStr, e, q);
@@ -122,7 +120,7 @@ inline boolean requeue_inline(queuetype *q, void *e, const char *fname)
     return TRUE;
 }
 
-inline void *dequeue_inline(queuetype *q, const char *fname)
+inline void *dequeue_body(queuetype *q, const char *fname)
 {
     if (!q)
         return nullptr;
@@ -137,7 +135,7 @@ inline void *dequeue_inline(queuetype *q, const char *fname)
     return e;
 }
 
-inline boolean unqueue_inline(queuetype *q, void *e, const char *fname)
+inline boolean unqueue_body(queuetype *q, void *e, const char *fname)
 {
     void *pred = q->qhead ? queue_find_pred(q, e) : nullptr;
     if (!pred) {
@@ -149,7 +147,7 @@ inline boolean unqueue_inline(queuetype *q, void *e, const char *fname)
     return TRUE;
 }
 
-inline boolean swapqueue_inline(queuetype *q, void *enew, void *eold, const char *fname)
+inline boolean swapqueue_body(queuetype *q, void *enew, void *eold, const char *fname)
 {
     void *pred = q->qhead ? queue_find_pred(q, eold) : nullptr;
     if (!pred) {
@@ -169,10 +167,10 @@ inline boolean swapqueue_inline(queuetype *q, void *enew, void *eold, const char
 
 // Ascending by `compfunc`; an element goes after all of its equals. Only the
 // empty queue checks `e` for being linked (through enqueue).
-inline boolean queue_insert_comp_inline(queuetype *q, void *e, queue_compare_func compfunc, const char *fname)
+inline boolean queue_insert_comp_body(queuetype *q, void *e, queue_compare_func compfunc, const char *fname)
 {
     if (queueempty_inline(q)) {
-        enqueue_inline(q, e, fname);
+        enqueue_body(q, e, fname);
         return TRUE;
     }
     void *pred = q;
@@ -193,6 +191,6 @@ inline boolean queue_insert_comp_inline(queuetype *q, void *e, queue_compare_fun
     return TRUE;
 }
 
-} // namespace
+} // namespace vobrel::detail
 
-#endif
+#endif // VOBREL_QUEUE_PRIVATE_H

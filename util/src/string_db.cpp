@@ -11,6 +11,9 @@
 #include "util/src/string_db_private.h"
 #include "common/src/library_private.h"
 
+using vobrel::detail::sdb_do_crc;
+using vobrel::detail::sdb_test_get_sdb_handle_from_struct;
+
 extern "C" {
 
 constexpr uint32_t sdb_crc_ctabl[256] = {
@@ -449,7 +452,7 @@ sdb_string *new_text(const char *buf, int len, sdb_string_types type, const Look
 
 } // namespace
 
-uint32_t sdb_do_crc(const uchar *buf, int len, boolean upcase)
+uint32_t vobrel::detail::sdb_do_crc(const uchar *buf, int len, boolean upcase)
 {
     if (len <= 0)
         return 0;
@@ -469,7 +472,7 @@ uint32_t sdb_do_crc(const uchar *buf, int len, boolean upcase)
     return crc;
 }
 
-sdb_handle sdb_test_get_sdb_handle_from_struct(void *obj)
+sdb_handle vobrel::detail::sdb_test_get_sdb_handle_from_struct(void *obj)
 {
     return obj ? static_cast<sdb_test_example *>(obj)->sdb_handle : 0;
 }
