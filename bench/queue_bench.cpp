@@ -12,7 +12,8 @@
 //
 // Further rows explain the gaps: the shared bodies expanded in place, with
 // and without the queue lock (the pairs without the call boundary of an
-// exported function), and the locked data floor with calloc in place of
+// exported function), the bodies behind plain out-of-line calls (the price of
+// any call boundary), and the locked data floor with calloc in place of
 // malloc (the price of calloc for a small block).
 //
 // Compare each case with its baseline as a ratio.
@@ -93,17 +94,17 @@ void Locked_inline_bodies(benchmark::State &state)
     queuetype q{};
     Elem el[kDepth]{};
     for (auto &e : el)
-        enqueue_body(&q, &e, "bench");
+        enqueue_body(&q, &e, QueueCaller::zel_p_enqueue);
     benchmark::DoNotOptimize(&q);
     for (auto _ : state) {
         void *e;
         {
             QueueLock lock;
-            e = dequeue_body(&q, "bench");
+            e = dequeue_body(&q, QueueCaller::zel_p_dequeue);
         }
         {
             QueueLock lock;
-            enqueue_body(&q, e, "bench");
+            enqueue_body(&q, e, QueueCaller::zel_p_enqueue);
         }
         benchmark::DoNotOptimize(e);
     }
@@ -127,13 +128,39 @@ void Unlocked_inline_bodies(benchmark::State &state)
     queuetype q{};
     Elem el[kDepth]{};
     for (auto &e : el)
-        enqueue_body(&q, &e, "bench");
+        enqueue_body(&q, &e, QueueCaller::zel_p_enqueue);
     benchmark::DoNotOptimize(&q);
     for (auto _ : state) {
-        void *e = dequeue_body(&q, "bench");
-        enqueue_body(&q, e, "bench");
+        void *e = dequeue_body(&q, QueueCaller::zel_p_dequeue);
+        enqueue_body(&q, e, QueueCaller::zel_p_enqueue);
         benchmark::DoNotOptimize(e);
         benchmark::ClobberMemory();
+    }
+}
+
+// The same bodies behind two plain out-of-line calls: what any call boundary
+// costs, so the gap of Unlocked_zel_p splits into the call and the rest.
+[[gnu::noinline]] void *dequeue_called(queuetype *q)
+{
+    return dequeue_body(q, QueueCaller::zel_p_dequeue);
+}
+
+[[gnu::noinline]] boolean enqueue_called(queuetype *q, void *e)
+{
+    return enqueue_body(q, e, QueueCaller::zel_p_enqueue);
+}
+
+void Unlocked_called_bodies(benchmark::State &state)
+{
+    queuetype q{};
+    Elem el[kDepth]{};
+    for (auto &e : el)
+        enqueue_called(&q, &e);
+    benchmark::DoNotOptimize(&q);
+    for (auto _ : state) {
+        void *e = dequeue_called(&q);
+        enqueue_called(&q, e);
+        benchmark::DoNotOptimize(e);
     }
 }
 
@@ -239,6 +266,7 @@ BENCHMARK(Locked_inline_bodies);
 BENCHMARK(Unlocked_zel_p);
 BENCHMARK(Unlocked_floor_stailq);
 BENCHMARK(Unlocked_inline_bodies);
+BENCHMARK(Unlocked_called_bodies);
 BENCHMARK(Data_zel);
 BENCHMARK(Data_floor_stailq_malloc);
 BENCHMARK(Data_floor_locked_stailq_malloc);

@@ -59,7 +59,7 @@ void *zel_data_enqueue(queuetype *queue, void *data)
     }
     w->pakptr = data;
     QueueLock lock;
-    enqueue_body(queue, w, __func__); // a fresh wrapper is never refused
+    enqueue_body(queue, w, QueueCaller::zel_data_enqueue); // a fresh wrapper is never refused
     return data;
 }
 
@@ -72,7 +72,7 @@ void *zel_data_requeue(queuetype *queue, void *data)
         return nullptr;
     w->pakptr = data;
     QueueLock lock;
-    requeue_body(queue, w, __func__);
+    requeue_body(queue, w, QueueCaller::zel_data_requeue);
     return data;
 }
 
@@ -81,7 +81,7 @@ void *zel_data_dequeue(queuetype *queue)
     elementtype *w;
     {
         QueueLock lock;
-        w = static_cast<elementtype *>(dequeue_body(queue, __func__));
+        w = static_cast<elementtype *>(dequeue_body(queue, QueueCaller::zel_data_dequeue));
     }
     if (!w)
         return nullptr;
@@ -100,7 +100,7 @@ void *zel_data_unqueue(queuetype *queue, void *data)
     {
         QueueLock lock;
         // A wrapper another thread took in between stays with that thread.
-        if (!unqueue_body(queue, w, __func__))
+        if (!unqueue_body(queue, w, QueueCaller::zel_data_unqueue))
             return nullptr;
     }
     element_free_inline(w);

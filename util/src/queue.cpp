@@ -5,11 +5,70 @@
 
 #include <pthread.h>
 
+#include "common/src/library_private.h"
 #include "util/src/queue_private.h"
 
 namespace vobrel::detail {
 
 pthread_mutex_t queue_func_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+namespace {
+
+const char *const caller_names[] = {
+#define VOBREL_QUEUE_CALLER_NAME(name) #name,
+    VOBREL_QUEUE_CALLERS(VOBREL_QUEUE_CALLER_NAME)
+#undef VOBREL_QUEUE_CALLER_NAME
+};
+
+struct Said {
+    const message *msg;
+    const char *op;
+};
+
+Said said(QueueProblem what)
+{
+    switch (what) {
+    case QueueProblem::enqueue_linked:
+        return {&msg_SYS_LINKED, "enqueue"};
+    case QueueProblem::requeue_linked:
+        return {&msg_SYS_LINKED, "requeue"};
+    case QueueProblem::unqueue_notq:
+        return {&msg_SYS_NOTQ, "unqueue"};
+    case QueueProblem::swapqueue_notq:
+        return {&msg_SYS_NOTQ, "swapqueue"};
+    case QueueProblem::insqueue_linked:
+        return {&msg_SYS_LINKED, "insqueue"};
+    case QueueProblem::remqueue_linked:
+        return {&msg_SYS_LINKED, "remqueue"};
+    case QueueProblem::validqueue_bad:
+        return {&msg_SYS_LINKED, "validqueue"};
+    case QueueProblem::dequeue_count:
+        return {&msg_SYS_QCOUNT, "dequeue"};
+    case QueueProblem::unqueue_count:
+        return {&msg_SYS_QCOUNT, "unqueue"};
+    case QueueProblem::unqueuenext_count:
+        return {&msg_SYS_QCOUNT, "p_unqueuenext"};
+    case QueueProblem::remqueue_count:
+        return {&msg_SYS_QCOUNT, "remqueue"};
+    }
+    VOBREL_ASSERT(!"unknown queue problem");
+    return {&msg_SYS_LINKED, "queue"};
+}
+
+} // namespace
+
+void queue_report(QueueCaller who, int lno, QueueProblem what, const void *a, const void *b)
+{
+    Said s = said(what);
+    xos_errmsg(caller_names[static_cast<int>(who)], lno, s.msg, s.op, qaddr(a), qaddr(b));
+}
+
+void queue_repair_count(QueueCaller who, int lno, QueueProblem what, queuetype *q)
+{
+    Said s = said(what);
+    xos_errmsg(caller_names[static_cast<int>(who)], lno, s.msg, s.op, qaddr(q), static_cast<int>(q->count));
+    q->count = 0;
+}
 
 } // namespace vobrel::detail
 
@@ -69,56 +128,56 @@ boolean zel_queue_init(queuetype *q, int32_t maximum)
 boolean zel_enqueue(queuetype *qptr, void *eaddr)
 {
     QueueLock lock;
-    return enqueue_body(qptr, eaddr, __func__);
+    return enqueue_body(qptr, eaddr, QueueCaller::zel_enqueue);
 }
 
 boolean zel_requeue(queuetype *qptr, void *eaddr)
 {
     QueueLock lock;
-    return requeue_body(qptr, eaddr, __func__);
+    return requeue_body(qptr, eaddr, QueueCaller::zel_requeue);
 }
 
 void *zel_dequeue(queuetype *qptr)
 {
     QueueLock lock;
-    return dequeue_body(qptr, __func__);
+    return dequeue_body(qptr, QueueCaller::zel_dequeue);
 }
 
 boolean zel_unqueue(queuetype *q, void *e)
 {
     QueueLock lock;
-    return unqueue_body(q, e, __func__);
+    return unqueue_body(q, e, QueueCaller::zel_unqueue);
 }
 
 boolean zel_queue_insert_comp(queuetype *qptr, void *eaddr, queue_compare_func compfunc)
 {
     QueueLock lock;
-    return queue_insert_comp_body(qptr, eaddr, compfunc, __func__);
+    return queue_insert_comp_body(qptr, eaddr, compfunc, QueueCaller::zel_queue_insert_comp);
 }
 
 boolean zel_p_enqueue(queuetype *qptr, void *eaddr)
 {
-    return enqueue_body(qptr, eaddr, __func__);
+    return enqueue_body(qptr, eaddr, QueueCaller::zel_p_enqueue);
 }
 
 boolean zel_p_requeue(queuetype *qptr, void *eaddr)
 {
-    return requeue_body(qptr, eaddr, __func__);
+    return requeue_body(qptr, eaddr, QueueCaller::zel_p_requeue);
 }
 
 void *zel_p_dequeue(queuetype *qptr)
 {
-    return dequeue_body(qptr, __func__);
+    return dequeue_body(qptr, QueueCaller::zel_p_dequeue);
 }
 
 boolean zel_p_unqueue(queuetype *q, void *e)
 {
-    return unqueue_body(q, e, __func__);
+    return unqueue_body(q, e, QueueCaller::zel_p_unqueue);
 }
 
 boolean zel_p_swapqueue(queuetype *qptr, void *enew, void *eold)
 {
-    return swapqueue_body(qptr, enew, eold, __func__);
+    return swapqueue_body(qptr, enew, eold, QueueCaller::zel_p_swapqueue);
 }
 
 boolean zel_unqueuenext(queuetype *q, void *prev)
@@ -127,7 +186,7 @@ boolean zel_unqueuenext(queuetype *q, void *prev)
     if (!victim)
         return TRUE;
     queue_unlink_after(q, prev, victim);
-    queue_count_down(q, "p_unqueuenext", __func__);
+    queue_count_down(q, QueueProblem::unqueuenext_count, QueueCaller::zel_unqueuenext);
     return TRUE;
 }
 
@@ -141,7 +200,7 @@ boolean zel_insqueue(queuetype *qptr, void *eaddr, void *paddr)
     if (!paddr)
         return zel_requeue(qptr, eaddr);
     if (queue_linked(qptr, eaddr)) {
-        queue_report(__func__, __LINE__, &msg_SYS_LINKED, "insqueue", eaddr, qptr);
+        queue_report(QueueCaller::zel_insqueue, __LINE__, QueueProblem::insqueue_linked, eaddr, qptr);
         return FALSE;
     }
     qlink(eaddr) = qlink(paddr);
@@ -157,11 +216,11 @@ void *zel_remqueue(queuetype *qptr, void *eaddr, void *paddr)
     if (!paddr && eaddr == qptr->qhead)
         return zel_dequeue(qptr);
     if (!paddr || !eaddr || qlink(paddr) != eaddr) {
-        queue_report(__func__, __LINE__, &msg_SYS_LINKED, "remqueue", eaddr, qptr);
+        queue_report(QueueCaller::zel_remqueue, __LINE__, QueueProblem::remqueue_linked, eaddr, qptr);
         return nullptr;
     }
     queue_unlink_after(qptr, paddr, eaddr);
-    queue_count_down(qptr, "remqueue", __func__);
+    queue_count_down(qptr, QueueProblem::remqueue_count, QueueCaller::zel_remqueue);
     return eaddr;
 }
 
@@ -194,7 +253,7 @@ boolean zel_validqueue(const queuetype *qptr, boolean print_message)
     if (!damaged)
         return TRUE;
     if (print_message)
-        queue_report(__func__, __LINE__, &msg_SYS_LINKED, "validqueue", named, qptr);
+        queue_report(QueueCaller::zel_validqueue, __LINE__, QueueProblem::validqueue_bad, named, qptr);
     return FALSE;
 }
 

@@ -40,25 +40,50 @@ inline unsigned qaddr(const void *p)
     return static_cast<unsigned>(reinterpret_cast<uintptr_t>(p));
 }
 
-// Reports stay out of line so the common paths remain short.
-[[gnu::cold, gnu::noinline]] inline void queue_report(const char *fname, int lno, const message *msg, const char *op,
-                                                      const void *a, const void *b)
-{
-    xos_errmsg(fname, lno, msg, op, qaddr(a), qaddr(b));
-}
+// Who reports and what. A body names its caller and its problem with small
+// constants, never with the address of a text or a message: on 32-bit x86,
+// position-independent code reaches any global through a register that each
+// function sets up on entry (a call and a push or two), and a fast path that
+// names no global leaves that set-up to the out-of-line report.
+#define VOBREL_QUEUE_CALLERS(X)                                                                                        \
+    X(zel_enqueue) X(zel_requeue) X(zel_dequeue) X(zel_unqueue) X(zel_queue_insert_comp) X(zel_p_enqueue)             \
+        X(zel_p_requeue) X(zel_p_dequeue) X(zel_p_unqueue) X(zel_p_swapqueue) X(zel_unqueuenext) X(zel_insqueue)      \
+            X(zel_remqueue) X(zel_validqueue) X(zel_data_enqueue) X(zel_data_requeue) X(zel_data_dequeue)            \
+                X(zel_data_unqueue)
 
-// Reports a count that fell below zero and sets it to 0.
-[[gnu::cold, gnu::noinline]] inline void queue_repair_count(const char *fname, int lno, const char *op, queuetype *q)
-{
-    xos_errmsg(fname, lno, &msg_SYS_QCOUNT, op, qaddr(q), static_cast<int>(q->count));
-    q->count = 0;
-}
+enum class QueueCaller : unsigned char {
+#define VOBREL_QUEUE_CALLER_ENUM(name) name,
+    VOBREL_QUEUE_CALLERS(VOBREL_QUEUE_CALLER_ENUM)
+#undef VOBREL_QUEUE_CALLER_ENUM
+};
+
+// Each problem is one catalogue message with one operation name in its text.
+enum class QueueProblem : unsigned char {
+    enqueue_linked,   // msg_SYS_LINKED, "enqueue"
+    requeue_linked,   // msg_SYS_LINKED, "requeue"
+    unqueue_notq,     // msg_SYS_NOTQ, "unqueue"
+    swapqueue_notq,   // msg_SYS_NOTQ, "swapqueue"
+    insqueue_linked,  // msg_SYS_LINKED, "insqueue"
+    remqueue_linked,  // msg_SYS_LINKED, "remqueue"
+    validqueue_bad,   // msg_SYS_LINKED, "validqueue"
+    dequeue_count,    // msg_SYS_QCOUNT, "dequeue"
+    unqueue_count,    // msg_SYS_QCOUNT, "unqueue"
+    unqueuenext_count, // msg_SYS_QCOUNT, "p_unqueuenext"
+    remqueue_count,   // msg_SYS_QCOUNT, "remqueue"
+};
+
+// Reports `what` about element `a` of queue `b` (queue.cpp).
+[[gnu::cold, gnu::noinline]] void queue_report(QueueCaller who, int lno, QueueProblem what, const void *a,
+                                               const void *b);
+
+// Reports a count that fell below zero and sets it to 0 (queue.cpp).
+[[gnu::cold, gnu::noinline]] void queue_repair_count(QueueCaller who, int lno, QueueProblem what, queuetype *q);
 
 // A negative count is repaired (and reported) only on a queue with a limit.
-inline void queue_count_down(queuetype *q, const char *op, const char *fname)
+inline void queue_count_down(queuetype *q, QueueProblem what, QueueCaller who)
 {
     if (--q->count < 0 && q->maximum != 0)
-        queue_repair_count(fname, __LINE__, op, q);
+        queue_repair_count(who, __LINE__, what, q);
 }
 
 // Already linked: a non-null link, or the tail of this very queue.
@@ -90,10 +115,10 @@ inline void queue_unlink_after(queuetype *q, void *pred, void *e)
     qlink(e) = nullptr;
 }
 
-inline boolean enqueue_body(queuetype *q, void *e, const char *fname)
+inline boolean enqueue_body(queuetype *q, void *e, QueueCaller who)
 {
     if (queue_linked(q, e)) {
-        queue_report(fname, __LINE__, &msg_SYS_LINKED, queue_enqueueStr, e, q);
+        queue_report(who, __LINE__, QueueProblem::enqueue_linked, e, q);
         return FALSE;
     }
     if (q->qtail)
@@ -105,10 +130,10 @@ inline boolean enqueue_body(queuetype *q, void *e, const char *fname)
     return TRUE;
 }
 
-inline boolean requeue_body(queuetype *q, void *e, const char *fname)
+inline boolean requeue_body(queuetype *q, void *e, QueueCaller who)
 {
     if (queue_linked(q, e)) {
-        queue_report(fname, __LINE__, &msg_SYS_LINKED, queue_requeueStr, e, q);
+        queue_report(who, __LINE__, QueueProblem::requeue_linked, e, q);
         return FALSE;
     }
     if (q->qhead)
@@ -120,7 +145,7 @@ inline boolean requeue_body(queuetype *q, void *e, const char *fname)
     return TRUE;
 }
 
-inline void *dequeue_body(queuetype *q, const char *fname)
+inline void *dequeue_body(queuetype *q, QueueCaller who)
 {
     if (!q)
         return nullptr;
@@ -131,27 +156,27 @@ inline void *dequeue_body(queuetype *q, const char *fname)
     if (!q->qhead)
         q->qtail = nullptr;
     qlink(e) = nullptr;
-    queue_count_down(q, queue_dequeueStr, fname);
+    queue_count_down(q, QueueProblem::dequeue_count, who);
     return e;
 }
 
-inline boolean unqueue_body(queuetype *q, void *e, const char *fname)
+inline boolean unqueue_body(queuetype *q, void *e, QueueCaller who)
 {
     void *pred = q->qhead ? queue_find_pred(q, e) : nullptr;
     if (!pred) {
-        queue_report(fname, __LINE__, &msg_SYS_NOTQ, queue_unqueueStr, e, q);
+        queue_report(who, __LINE__, QueueProblem::unqueue_notq, e, q);
         return FALSE;
     }
     queue_unlink_after(q, pred, e);
-    queue_count_down(q, queue_unqueueStr, fname);
+    queue_count_down(q, QueueProblem::unqueue_count, who);
     return TRUE;
 }
 
-inline boolean swapqueue_body(queuetype *q, void *enew, void *eold, const char *fname)
+inline boolean swapqueue_body(queuetype *q, void *enew, void *eold, QueueCaller who)
 {
     void *pred = q->qhead ? queue_find_pred(q, eold) : nullptr;
     if (!pred) {
-        queue_report(fname, __LINE__, &msg_SYS_NOTQ, queue_swapqueueStr, eold, q);
+        queue_report(who, __LINE__, QueueProblem::swapqueue_notq, eold, q);
         return FALSE;
     }
     // Swapping an element for itself would cut the chain behind it.
@@ -167,10 +192,10 @@ inline boolean swapqueue_body(queuetype *q, void *enew, void *eold, const char *
 
 // Ascending by `compfunc`; an element goes after all of its equals. Only the
 // empty queue checks `e` for being linked (through enqueue).
-inline boolean queue_insert_comp_body(queuetype *q, void *e, queue_compare_func compfunc, const char *fname)
+inline boolean queue_insert_comp_body(queuetype *q, void *e, queue_compare_func compfunc, QueueCaller who)
 {
     if (queueempty_inline(q)) {
-        enqueue_body(q, e, fname);
+        enqueue_body(q, e, who);
         return TRUE;
     }
     void *pred = q;
