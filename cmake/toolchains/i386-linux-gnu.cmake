@@ -10,6 +10,10 @@ set(CMAKE_SHARED_LINKER_FLAGS_INIT "-m32")
 set(CMAKE_MODULE_LINKER_FLAGS_INIT "-m32")
 set(CMAKE_LIBRARY_ARCHITECTURE i386-linux-gnu)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+# pkg-config looks at the target's .pc files only, so a library installed for
+# the host alone (glib, say) is reported missing rather than linked wrongly.
+# Set on every configure, re-runs included.
+set(ENV{PKG_CONFIG_LIBDIR} "/usr/lib/i386-linux-gnu/pkgconfig:/usr/share/pkgconfig")
 
 # Some x86-64 kernels are built without 32-bit program support. There the
 # tests run under user-mode emulation (qemu-i386, Debian package qemu-user).
