@@ -7,6 +7,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "util/src/queue_private.h"
+
 namespace {
 
 const char msgfac_IDMGR[] = "IDMGR";
@@ -52,12 +54,29 @@ uint16_t zel_id_table_flags[ID_MGR_MAX_TABLES];
 
 namespace {
 
+using vobrel::detail::dequeue_body;
+using vobrel::detail::enqueue_body;
+using vobrel::detail::QueueCaller;
+
 constexpr unsigned kMaxKey = ID_MGR_MAX_TABLES - 1;
 constexpr uint8_t kInUse = 0x80; // no-randomize: the entry is in use
 
 queuetype g_free_q[ID_MGR_MAX_TABLES];
 char *g_owner_malloc_name[ID_MGR_MAX_TABLES];
 boolean id_manager_inited;
+
+// The free queues are driven through the queue bodies themselves, not the
+// exported unlocked calls: identical checks and reports, without a call (and
+// on 32-bit x86 a PIC set-up) on every get and delete.
+inline entry_t *free_take(unsigned key)
+{
+    return static_cast<entry_t *>(dequeue_body(&g_free_q[key], QueueCaller::zel_p_dequeue));
+}
+
+inline void free_put(unsigned key, entry_t *e)
+{
+    enqueue_body(&g_free_q[key], e, QueueCaller::zel_p_enqueue);
+}
 
 [[gnu::cold, gnu::noinline]] void report_id(const char *fname, const char *what, unsigned id)
 {
@@ -170,14 +189,18 @@ bool id_manager_module_init(unsigned key, uint32_t slots, uint32_t per, const ch
 uint32_t id_assign_ptr(unsigned key, entry_t *slot, uint32_t index, void *p)
 {
     entry_t *e = slot + index;
+    // Everything is read before the first store: a store through a byte
+    // pointer may alias anything, and would force the reads to wait for it.
+    const uint32_t low = static_cast<uint32_t>(e->tableNumber) << 16 | index;
+    const uint8_t seq = e->tableSequence;
+    const bool plain = no_randomize(key);
     e->u.user_p = p;
     mark(slot, index) = kTaken;
-    const uint32_t low = static_cast<uint32_t>(e->tableNumber) << 16 | index;
-    if (no_randomize(key)) {
-        e->tableSequence = static_cast<uint8_t>(e->tableSequence | kInUse);
+    if (plain) {
+        e->tableSequence = static_cast<uint8_t>(seq | kInUse);
         return low;
     }
-    return static_cast<uint32_t>(e->tableSequence) << 24 | low;
+    return static_cast<uint32_t>(seq) << 24 | low;
 }
 
 // Allocates slot `s`: every entry carries `seq` (or a fresh random byte when
@@ -194,7 +217,7 @@ entry_t *add_slot(unsigned key, uint32_t s, bool random, uint8_t seq, uint32_t s
         e.tableSequence = random ? static_cast<uint8_t>(rand() % 256) : seq;
         e.tableNumber = static_cast<uint8_t>(s);
         if (i != skip)
-            zel_p_enqueue(&g_free_q[key], &e);
+            free_put(key, &e);
     }
     zel_g_id_manager_table[key][s] = slot;
     return slot;
@@ -223,7 +246,7 @@ entry_t *add_slot(unsigned key, uint32_t s, bool random, uint8_t seq, uint32_t s
         ++s;
     if (s < zel_numTableSlot_max[key]) {
         if (add_slot(key, s, !no_randomize(key), 0, zel_numIDsPerSLot_max[key]))
-            return static_cast<entry_t *>(zel_p_dequeue(&g_free_q[key]));
+            return free_take(key);
         report_text("zel_id_get", &msg_IDMGR_MALLOC_FAILURE, "Malloc failure - id_get");
     }
     report_id("zel_id_get", "id_get (Out of IDs! out of slots or memory)", 0);
@@ -317,7 +340,7 @@ idmgr_id_t zel_id_get(void *p, id_table_key_t table_key)
     }
     if (!zel_g_id_manager_table[key] && !first_get(key))
         return 0;
-    auto *e = static_cast<entry_t *>(zel_p_dequeue(&g_free_q[key]));
+    entry_t *e = free_take(key);
     if (!e && !(e = grow(key)))
         return 0;
     entry_t *slot = zel_g_id_manager_table[key][e->tableNumber];
@@ -411,7 +434,7 @@ void zel_id_delete(idmgr_id_t id, id_table_key_t table_key)
         ++e->tableSequence;
     e->u.next = nullptr;
     mark(slot, d.index) = kFree;
-    zel_p_enqueue(&g_free_q[key], e);
+    free_put(key, e);
 }
 
 void *zel_id_get_next_id_ptr(idmgr_id_t id, idmgr_id_t *next_id, id_mgr_ret *ret_code, id_table_key_t table_key,
