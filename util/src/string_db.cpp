@@ -285,7 +285,11 @@ sdb_string *sdb_find_string_entry(const char *buf, int len, sdb_string_types typ
     where->depth = 0;
     if (!sdb_hash_table)
         return nullptr;
+    // A match holds exactly `len` bytes, so its text lies byte_area(len)
+    // before the record: fetch that line while the record's own arrives.
+    const size_t area = byte_area(len);
     for (sdb_string *s = sdb_hash_table[crc & sdb_hash_mask]; s; s = s->next_string) {
+        __builtin_prefetch(reinterpret_cast<const char *>(s) - area);
         ++where->depth;
         if (s->crc != crc || s->len != len)
             continue;
