@@ -21,6 +21,56 @@ int format_len(char *buf, size_t size, const char *fmt, va_list ap)
     return n < 0 ? 0 : n;
 }
 
+
+// Where a report's system-log line is composed and the text it carries; the
+// caller releases the two heap blocks (either may be null).
+struct Composition {
+    const char *text;
+    char *line;
+    size_t line_limit;
+    char *output_string;
+    char *big_buff;
+};
+
+// Formats the text of `msg` into buff (its first 199 bytes, what the log
+// gets) and chooses where the line goes: on the heap with the full text, or,
+// without memory, in mbuff with the text cut to buff's. Both buffers are
+// kBufSize bytes and zero-filled.
+Composition format_report(const message *msg, char *buff, char *mbuff, va_list ap)
+{
+    // Kept for a text too long for buff, which is formatted again in full.
+    va_list again;
+    va_copy(again, ap);
+
+    int prefix_len = snprintf(buff, kBufSize, "%%%s-%d-%s:", msg->fac, msg->severity, msg->name);
+    if (prefix_len < 0)
+        prefix_len = 0;
+    memset(buff, 0, kBufSize);
+    int msg_len = format_len(buff, kBufSize, msg->format, ap) + 1;
+
+    size_t total_len = static_cast<size_t>(msg_len) + static_cast<size_t>(prefix_len) + 10;
+    Composition c{buff, mbuff, kBufSize, static_cast<char *>(calloc(1, total_len)), nullptr};
+    if (c.output_string) {
+        if (msg_len <= kBufSize - 1) {
+            c.line = c.output_string;
+            c.line_limit = total_len;
+        } else {
+            c.big_buff = static_cast<char *>(calloc(1, static_cast<size_t>(msg_len)));
+            if (c.big_buff) {
+                vsnprintf(c.big_buff, static_cast<size_t>(msg_len), msg->format, again);
+                c.text = c.big_buff;
+                c.line = c.output_string;
+                c.line_limit = total_len;
+            } else {
+                free(c.output_string);
+                c.output_string = nullptr;
+            }
+        }
+    }
+    va_end(again);
+    return c;
+}
+
 } // namespace
 
 extern "C" void xos_errmsg(const char * /*fname*/, const int /*lno*/, const message *msg, ...)
@@ -30,51 +80,19 @@ extern "C" void xos_errmsg(const char * /*fname*/, const int /*lno*/, const mess
     memset(buff, 0, sizeof buff);
     memset(mbuff, 0, sizeof mbuff);
 
-    int prefix_len = snprintf(buff, sizeof buff, "%%%s-%d-%s:", msg->fac, msg->severity, msg->name);
-    if (prefix_len < 0)
-        prefix_len = 0;
-    memset(buff, 0, sizeof buff);
-
     va_list ap;
     va_start(ap, msg);
-    int msg_len = format_len(buff, sizeof buff, msg->format, ap) + 1;
+    const Composition c = format_report(msg, buff, mbuff, ap);
     va_end(ap);
-
-    size_t total_len = static_cast<size_t>(msg_len) + static_cast<size_t>(prefix_len) + 10;
-    char *output_string = static_cast<char *>(calloc(1, total_len));
-    char *big_buff = nullptr;
-    const char *text = buff;
-    char *line = mbuff;
-    size_t line_limit = sizeof mbuff;
-
-    if (output_string) {
-        if (msg_len <= kBufSize - 1) {
-            line = output_string;
-            line_limit = total_len;
-        } else {
-            big_buff = static_cast<char *>(calloc(1, static_cast<size_t>(msg_len)));
-            if (big_buff) {
-                va_start(ap, msg);
-                vsnprintf(big_buff, static_cast<size_t>(msg_len), msg->format, ap);
-                va_end(ap);
-                text = big_buff;
-                line = output_string;
-                line_limit = total_len;
-            } else {
-                free(output_string);
-                output_string = nullptr;
-            }
-        }
-    }
 
     // The log gets at most the first 199 bytes of the text, never reformatted.
     vobrel_write_to_log(nullptr, 0, "%s", buff);
 
-    snprintf(line, line_limit, "%%%s-%d-%s:%s", msg->fac, msg->severity, msg->name, text);
-    vobrel_platform_syslog(static_cast<int>(msg->severity), line);
+    snprintf(c.line, c.line_limit, "%%%s-%d-%s:%s", msg->fac, msg->severity, msg->name, c.text);
+    vobrel_platform_syslog(static_cast<int>(msg->severity), c.line);
 
-    free(big_buff);
-    free(output_string);
+    free(c.big_buff);
+    free(c.output_string);
 }
 
 extern "C" void buginf(const char *fmt, ...)

@@ -50,6 +50,132 @@ void close_and_remove_if_ours(int fd, const char *url)
         unlink(url);
 }
 
+
+// How much to read from fd: its recorded size, exact, or the default read
+// size in one read. False for a recorded size that cannot be addressed here,
+// which could not be allocated either.
+bool read_size(int fd, size_t *size, bool *exact)
+{
+    off_t recorded = vob_file_size(fd);
+    *exact = recorded > 0;
+    if (*exact && static_cast<uintmax_t>(recorded) >= SIZE_MAX)
+        return false;
+    *size = *exact ? static_cast<size_t>(recorded) : kDefaultReadSize;
+    return true;
+}
+
+// The first read into *buffer, NUL-terminated; *got is what it read. When it
+// reads nothing or fails, says why and releases the block (*buffer null).
+bool read_first(int fd, char **buffer, size_t size, size_t *got)
+{
+    char *block = *buffer;
+    // A read that returns 0 leaves errno alone; start from 0 so the line then
+    // names no stale error.
+    errno = 0;
+    ssize_t n = read(fd, block, size);
+    if (n <= 0) {
+        ErrText err(errno);
+        log_problem("\nread failed (%s)\n", err.text);
+        free(block);
+        *buffer = nullptr;
+        return false;
+    }
+    *got = static_cast<size_t>(n);
+    block[*got] = '\0';
+    return true;
+}
+
+// Reads the rest of an exactly sized file after the `got` bytes already read.
+// A file shorter than its recorded size ends the loop early with success; a
+// failed read says why and releases the block (*buffer null).
+bool read_rest(int fd, char **buffer, size_t size, size_t got)
+{
+    char *block = *buffer;
+    while (got < size) {
+        ssize_t n = read(fd, block + got, size - got);
+        if (n == 0)
+            break;
+        if (n < 0) {
+            int e = errno;
+            ErrText err(e);
+            log_problem("\nError in reading file errno: %d(%s)", e, err.text);
+            free(block);
+            *buffer = nullptr;
+            log_problem("\n Error Invalid File exact size:(%s)", err.text);
+            return false;
+        }
+        got += static_cast<size_t>(n);
+        block[got] = '\0';
+    }
+    return true;
+}
+
+// Opens `url` afresh for writing; on failure says why and sets *writelen to 0.
+int open_for_write(const char *url, int32_t *writelen)
+{
+    int fd = open(url, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    if (fd < 0) {
+        ErrText err(errno);
+        *writelen = 0;
+        printf("%% Could not open file %s:%s\n", url, err.text);
+        log_problem("\nError in opening file %s:%s\n", url, err.text);
+    }
+    return fd;
+}
+
+// A buffer being written to an open file, and what its messages name.
+struct Output {
+    int fd;
+    const char *url;
+    const char *what;
+    const char *bytes;
+    int32_t datalen;
+    int32_t *writelen;
+};
+
+// The first write; *total is what it stored. When it stores nothing, says
+// why and closes and removes the file.
+bool write_first(const Output &out, size_t *total)
+{
+    // A write that stores nothing leaves errno alone; start from 0 so the
+    // line then names no stale error.
+    errno = 0;
+    ssize_t w = write(out.fd, out.bytes, static_cast<size_t>(out.datalen));
+    if (w <= 0) {
+        ErrText err(errno);
+        *out.writelen = 0;
+        close_and_remove_if_ours(out.fd, out.url);
+        printf("\nCould not write any %s to file %s: %s\n", out.what, out.url, err.text);
+        log_problem("\nCould not write %s to file %s %u %u", out.what, out.url, static_cast<unsigned>(out.datalen),
+                    static_cast<unsigned>(w));
+        return false;
+    }
+    *total = static_cast<size_t>(w);
+    return true;
+}
+
+// Writes what is still unwritten after *total bytes, noting each partial
+// write. A write that stores nothing ends it: says so and closes the file,
+// leaving in it what was written.
+bool write_rest(const Output &out, size_t *total)
+{
+    const size_t want = static_cast<size_t>(out.datalen);
+    while (*total < want) {
+        log_problem("\nWriting Partially to file - wrote %u bytes", static_cast<unsigned>(*total));
+        ssize_t w = write(out.fd, out.bytes + *total, want - *total);
+        if (w <= 0) {
+            *out.writelen = static_cast<int32_t>(*total);
+            close(out.fd);
+            printf("\nCould not write %s completely to file %s\n", out.what, out.url);
+            log_problem("\nCould not write %s fully to file %s %u %u", out.what, out.url,
+                        static_cast<unsigned>(out.datalen), static_cast<unsigned>(w));
+            return false;
+        }
+        *total += static_cast<size_t>(w);
+    }
+    return true;
+}
+
 } // namespace
 
 extern "C" {
@@ -63,15 +189,13 @@ vobrel_rc vobrel_read_input_vobrel_file(const char *fname, char **buffer)
     if (fd < 0)
         return VOBREL_FSOPEN_FAILED;
 
-    off_t recorded = vob_file_size(fd);
-    bool exact = recorded > 0;
-    // A recorded size that cannot be addressed here cannot be allocated either.
-    if (exact && static_cast<uintmax_t>(recorded) >= SIZE_MAX) {
+    size_t size = 0;
+    bool exact = false;
+    if (!read_size(fd, &size, &exact)) {
         *buffer = nullptr;
         close(fd);
         return VOBREL_NO_MEMORY;
     }
-    size_t size = exact ? static_cast<size_t>(recorded) : kDefaultReadSize;
 
     char *block = static_cast<char *>(calloc(1, size + 1));
     *buffer = block;
@@ -80,40 +204,11 @@ vobrel_rc vobrel_read_input_vobrel_file(const char *fname, char **buffer)
         return VOBREL_NO_MEMORY;
     }
 
-    // A read that returns 0 leaves errno alone; start from 0 so the line then
-    // names no stale error.
-    errno = 0;
-    ssize_t n = read(fd, block, size);
-    if (n <= 0) {
-        ErrText err(errno);
-        log_problem("\nread failed (%s)\n", err.text);
-        free(block);
-        *buffer = nullptr;
+    size_t got = 0;
+    if (!read_first(fd, buffer, size, &got) || (exact && !read_rest(fd, buffer, size, got))) {
         close(fd);
         return VOBREL_INVALID_FILE;
     }
-    size_t got = static_cast<size_t>(n);
-    block[got] = '\0';
-
-    // A file shorter than its recorded size ends the loop early with success.
-    while (exact && got < size) {
-        n = read(fd, block + got, size - got);
-        if (n == 0)
-            break;
-        if (n < 0) {
-            int e = errno;
-            ErrText err(e);
-            log_problem("\nError in reading file errno: %d(%s)", e, err.text);
-            free(block);
-            *buffer = nullptr;
-            log_problem("\n Error Invalid File exact size:(%s)", err.text);
-            close(fd);
-            return VOBREL_INVALID_FILE;
-        }
-        got += static_cast<size_t>(n);
-        block[got] = '\0';
-    }
-
     close(fd);
     return VOBREL_OK;
 }
@@ -128,44 +223,14 @@ vobrel_rc vobrel_write_data_to_url(const char *url, void *data, int32_t datalen,
     if (!what)
         what = "data";
 
-    int fd = open(url, O_WRONLY | O_CREAT | O_TRUNC, 0666);
-    if (fd < 0) {
-        ErrText err(errno);
-        *writelen = 0;
-        printf("%% Could not open file %s:%s\n", url, err.text);
-        log_problem("\nError in opening file %s:%s\n", url, err.text);
+    int fd = open_for_write(url, writelen);
+    if (fd < 0)
         return VOBREL_FSOPEN_FAILED;
-    }
 
-    const char *bytes = static_cast<const char *>(data);
-    size_t want = static_cast<size_t>(datalen);
-    // A write that stores nothing leaves errno alone; see the read above.
-    errno = 0;
-    ssize_t w = write(fd, bytes, want);
-    if (w <= 0) {
-        ErrText err(errno);
-        *writelen = 0;
-        close_and_remove_if_ours(fd, url);
-        printf("\nCould not write any %s to file %s: %s\n", what, url, err.text);
-        log_problem("\nCould not write %s to file %s %u %u", what, url, static_cast<unsigned>(datalen),
-                 static_cast<unsigned>(w));
+    const Output out{fd, url, what, static_cast<const char *>(data), datalen, writelen};
+    size_t total = 0;
+    if (!write_first(out, &total) || !write_rest(out, &total))
         return VOBREL_FSWRITE_FAILED;
-    }
-
-    size_t total = static_cast<size_t>(w);
-    while (total < want) {
-        log_problem("\nWriting Partially to file - wrote %u bytes", static_cast<unsigned>(total));
-        w = write(fd, bytes + total, want - total);
-        if (w <= 0) {
-            *writelen = static_cast<int32_t>(total);
-            close(fd); // what was written stays in the file
-            printf("\nCould not write %s completely to file %s\n", what, url);
-            log_problem("\nCould not write %s fully to file %s %u %u", what, url, static_cast<unsigned>(datalen),
-                     static_cast<unsigned>(w));
-            return VOBREL_FSWRITE_FAILED;
-        }
-        total += static_cast<size_t>(w);
-    }
 
     *writelen = static_cast<int32_t>(total);
     close(fd);

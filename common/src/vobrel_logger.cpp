@@ -127,65 +127,103 @@ void wait_for_pending_init()
     }
 }
 
-// Runs with logger_sem held. Returns false when the log cannot be used yet;
-// the caller then clears `initialized` so the next call tries again.
-bool logger_init_locked()
+// The log store's directory from the platform, which also sets
+// log_file_size; *len is the size of the returned block. Null when the
+// platform or memory fails, said on standard output.
+char *log_store_path(int *len)
 {
-    int len = 0;
-    vobrel_platform_status_type st = vobrel_platform_get_log_store_path(&len, nullptr, &log_file_size);
-    if (st != VOBREL_PLATFORM_OK || len <= 0) {
+    vobrel_platform_status_type st = vobrel_platform_get_log_store_path(len, nullptr, &log_file_size);
+    if (st != VOBREL_PLATFORM_OK || *len <= 0) {
         printf("vobrel_platform_get_log_store_path() failed with error code %d path len %d\n",
-               static_cast<int>(st), len);
-        return false;
+               static_cast<int>(st), *len);
+        return nullptr;
     }
-    char *path = static_cast<char *>(calloc(1, static_cast<size_t>(len)));
+    char *path = static_cast<char *>(calloc(1, static_cast<size_t>(*len)));
     if (!path) {
         printf("Platform get log store failed with memory allocation failure\n");
-        return false;
+        return nullptr;
     }
-    st = vobrel_platform_get_log_store_path(&len, path, &log_file_size);
+    st = vobrel_platform_get_log_store_path(len, path, &log_file_size);
     if (st != VOBREL_PLATFORM_OK || log_file_size <= 0) {
         printf("Platform get log store failed with error code %d and file size %d\n", static_cast<int>(st),
                log_file_size);
         free(path);
-        return false;
+        return nullptr;
     }
+    return path;
+}
+
+// The log file's name, "<store path>.<process name>"; null on failure.
+char *log_file_name()
+{
+    int len = 0;
+    char *path = log_store_path(&len);
+    if (!path)
+        return nullptr;
     size_t name_size = sizeof vob_proc_name + 2 + static_cast<size_t>(len);
     char *file_name = static_cast<char *>(calloc(1, name_size));
     if (!file_name) {
         printf("Platform get log store failed with memory allocation failure\n");
         free(path);
-        return false;
+        return nullptr;
     }
     snprintf(file_name, name_size, "%s.%s", path, vob_proc_name);
     free(path);
+    return file_name;
+}
 
+// A missing log file is created holding just a header that points past
+// itself. False when it cannot be created.
+bool create_with_header(const char *file_name)
+{
     struct stat sb;
-    if (stat(file_name, &sb) != 0) {
-        FILE *nf = fopen(file_name, "a");
-        if (!nf) {
-            free(file_name);
-            return false;
-        }
-        write_header(fileno(nf), kHeaderSize, 0);
-        fclose(nf);
-    }
-
-    fp = fopen(file_name, "r+");
-    free(file_name);
-    if (!fp)
+    if (stat(file_name, &sb) == 0)
+        return true;
+    FILE *nf = fopen(file_name, "a");
+    if (!nf)
         return false;
+    write_header(fileno(nf), kHeaderSize, 0);
+    fclose(nf);
+    return true;
+}
 
+// Takes the record number and position from the header of the open file
+// and moves there; a position outside the file's limit starts after the header.
+void seek_to_header_position()
+{
     int pos = read_header_field(fp);
     log_index = static_cast<uint32_t>(read_header_field(fp));
     log_pos = pos != 0 && pos < log_file_size ? pos : kHeaderSize;
     fseek(fp, log_pos, SEEK_SET);
+}
 
+// The line that marks each opening of the log, with the library's version.
+void write_banner()
+{
     const char *v = vobrel_get_qmt_version();
     ver_str = v ? v : "Unknown";
     char ts[50];
     advance(fprintf(fp, "\n[QMT-VER-%s] Logger initialized %s", ver_str, vob_mk_time_str(ts, sizeof ts)));
     flush();
+}
+
+// Runs with logger_sem held. Returns false when the log cannot be used yet;
+// the caller then clears `initialized` so the next call tries again.
+bool logger_init_locked()
+{
+    char *file_name = log_file_name();
+    if (!file_name)
+        return false;
+    if (!create_with_header(file_name)) {
+        free(file_name);
+        return false;
+    }
+    fp = fopen(file_name, "r+");
+    free(file_name);
+    if (!fp)
+        return false;
+    seek_to_header_position();
+    write_banner();
     return true;
 }
 

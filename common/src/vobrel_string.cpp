@@ -21,6 +21,135 @@ int plural_mark(unsigned long n)
     return n >= 2 ? 's' : ' ';
 }
 
+
+// A duration in whole units; leftover seconds are dropped.
+struct Duration {
+    unsigned long weeks;
+    unsigned long days;
+    unsigned long hours;
+    unsigned long minutes;
+};
+
+// Splits seconds into units, then carries: many minutes round up to an hour,
+// a full day of hours to a day, a full week of days to a week, in that order.
+Duration split_duration(unsigned long secs)
+{
+    Duration d;
+    d.weeks = secs / kSecondsPerWeek;
+    secs %= kSecondsPerWeek;
+    d.days = secs / kSecondsPerDay;
+    secs %= kSecondsPerDay;
+    d.hours = secs / kSecondsPerHour;
+    secs %= kSecondsPerHour;
+    d.minutes = secs / kSecondsPerMinute;
+
+    if (d.minutes > kMinutesBeforeCarry) {
+        ++d.hours;
+        d.minutes = 0;
+    }
+    if (d.hours == 24) {
+        ++d.days;
+        d.hours = 0;
+    }
+    if (d.days == 7) {
+        ++d.weeks;
+        d.days = 0;
+    }
+    return d;
+}
+
+// The largest unit that is not 0, alone.
+void write_largest_unit(const Duration &d, char *s, size_t len)
+{
+    if (d.weeks)
+        snprintf(s, len, "%lu week%c", d.weeks, plural_mark(d.weeks));
+    else if (d.days)
+        snprintf(s, len, "%lu day%c", d.days, plural_mark(d.days));
+    else if (d.hours)
+        snprintf(s, len, "%lu hour%c", d.hours, plural_mark(d.hours));
+    else
+        snprintf(s, len, "%lu minutes", d.minutes);
+}
+
+// Two units where there are two; a week count hides hours and minutes.
+void write_two_units(const Duration &d, char *s, size_t len)
+{
+    if (d.weeks) {
+        if (d.days)
+            snprintf(s, len, "%lu week%c and %lu day%c", d.weeks, plural_mark(d.weeks), d.days, plural_mark(d.days));
+        else
+            snprintf(s, len, "%lu week%c", d.weeks, plural_mark(d.weeks));
+    } else if (d.days) {
+        if (d.hours)
+            snprintf(s, len, "%lu day%c and %lu hour%c", d.days, plural_mark(d.days), d.hours, plural_mark(d.hours));
+        else
+            snprintf(s, len, "%lu day%c", d.days, plural_mark(d.days));
+    } else if (d.hours) {
+        if (d.minutes)
+            snprintf(s, len, "%lu hour%c and %lu minutes", d.hours, plural_mark(d.hours), d.minutes);
+        else
+            snprintf(s, len, "%lu hour%c", d.hours, plural_mark(d.hours));
+    } else {
+        snprintf(s, len, "%lu minutes", d.minutes);
+    }
+}
+
+// A copy of the first n characters of buffer; on no memory, null and
+// *strings null too.
+char *scratch_copy(const char *buffer, size_t n, char ***strings)
+{
+    char *scratch = static_cast<char *>(calloc(1, n + 1));
+    if (scratch)
+        zel_sstrncpy(scratch, buffer, n + 1);
+    else
+        *strings = nullptr;
+    return scratch;
+}
+
+// The number of tokens in text, which strtok_r cuts up.
+int count_tokens(char *text, const char *delim)
+{
+    int count = 0;
+    char *pos = nullptr;
+    for (char *t = strtok_r(text, delim, &pos); t; t = strtok_r(nullptr, delim, &pos))
+        ++count;
+    return count;
+}
+
+// Cuts buffer into its tokens in place and stores a copy of each, at most
+// `count`, in array; returns how many were stored. A token without memory
+// leaves its slot null.
+int split_into(char *buffer, size_t n, const char *delim, char **array, int count)
+{
+    // A text longer than n is ended at n for the split, so that the split
+    // sees exactly the counted tokens and the array cannot overflow; the
+    // caller's character there is put back afterwards.
+    char *stop = nullptr;
+    char stopped = '\0';
+    if (strnlen(buffer, n + 1) > n) {
+        stop = buffer + n;
+        stopped = *stop;
+        *stop = '\0';
+    }
+
+    int stored = 0;
+    char *pos = nullptr;
+    char *t = strtok_r(buffer, delim, &pos);
+    while (t && stored < count) {
+        size_t tlen = strlen(t);
+        char *copy = static_cast<char *>(calloc(1, tlen + 1));
+        if (copy)
+            zel_sstrncpy(copy, t, tlen + 1);
+        array[stored++] = copy;
+        if (stored < count)
+            t = strtok_r(nullptr, delim, &pos);
+    }
+
+    if (stop)
+        *stop = stopped;
+    return stored;
+}
+
 } // namespace
 
 extern "C" {
@@ -52,60 +181,11 @@ void vobrel_convert_time_to_string(boolean expired, time_t time_remaining, char 
     if (!expiry_string || len == 0)
         return;
     unsigned long secs = time_remaining > 0 ? static_cast<unsigned long>(time_remaining) : 0;
-
-    unsigned long weeks = secs / kSecondsPerWeek;
-    secs %= kSecondsPerWeek;
-    unsigned long days = secs / kSecondsPerDay;
-    secs %= kSecondsPerDay;
-    unsigned long hours = secs / kSecondsPerHour;
-    secs %= kSecondsPerHour;
-    unsigned long minutes = secs / kSecondsPerMinute; // leftover seconds are dropped
-
-    if (minutes > kMinutesBeforeCarry) {
-        ++hours;
-        minutes = 0;
-    }
-    if (hours == 24) {
-        ++days;
-        hours = 0;
-    }
-    if (days == 7) {
-        ++weeks;
-        days = 0;
-    }
-
-    char *s = expiry_string;
-    if (expired != 1) {
-        if (weeks)
-            snprintf(s, len, "%lu week%c", weeks, plural_mark(weeks));
-        else if (days)
-            snprintf(s, len, "%lu day%c", days, plural_mark(days));
-        else if (hours)
-            snprintf(s, len, "%lu hour%c", hours, plural_mark(hours));
-        else
-            snprintf(s, len, "%lu minutes", minutes);
-        return;
-    }
-
-    // Two units where there are two; a week count hides hours and minutes.
-    if (weeks) {
-        if (days)
-            snprintf(s, len, "%lu week%c and %lu day%c", weeks, plural_mark(weeks), days, plural_mark(days));
-        else
-            snprintf(s, len, "%lu week%c", weeks, plural_mark(weeks));
-    } else if (days) {
-        if (hours)
-            snprintf(s, len, "%lu day%c and %lu hour%c", days, plural_mark(days), hours, plural_mark(hours));
-        else
-            snprintf(s, len, "%lu day%c", days, plural_mark(days));
-    } else if (hours) {
-        if (minutes)
-            snprintf(s, len, "%lu hour%c and %lu minutes", hours, plural_mark(hours), minutes);
-        else
-            snprintf(s, len, "%lu hour%c", hours, plural_mark(hours));
-    } else {
-        snprintf(s, len, "%lu minutes", minutes);
-    }
+    const Duration d = split_duration(secs);
+    if (expired != 1)
+        write_largest_unit(d, expiry_string, len);
+    else
+        write_two_units(d, expiry_string, len);
 }
 
 vobrel_rc vobrel_parse_delim_buffer(char *buffer, int len, char *delim, char ***strings, int *num_strings)
@@ -116,20 +196,12 @@ vobrel_rc vobrel_parse_delim_buffer(char *buffer, int len, char *delim, char ***
 
     // The tokens are counted on a copy of the first len characters, so the
     // array can be sized before the caller's buffer is cut.
-    char *scratch = static_cast<char *>(calloc(1, n + 1));
-    if (scratch)
-        zel_sstrncpy(scratch, buffer, n + 1);
-    else
-        *strings = nullptr;
+    char *scratch = scratch_copy(buffer, n, strings);
     if (!buffer || !scratch || !delim || len == 0) {
         free(scratch);
         return VOBREL_INVALID_ARGS;
     }
-
-    int count = 0;
-    char *pos = nullptr;
-    for (char *t = strtok_r(scratch, delim, &pos); t; t = strtok_r(nullptr, delim, &pos))
-        ++count;
+    int count = count_tokens(scratch, delim);
     free(scratch);
 
     char **array = static_cast<char **>(calloc(static_cast<size_t>(count) + 1, sizeof(char *)));
@@ -137,33 +209,7 @@ vobrel_rc vobrel_parse_delim_buffer(char *buffer, int len, char *delim, char ***
     if (!array)
         return VOBREL_INVALID_ARGS;
 
-    // A text longer than len is ended at len for the split, so that the split
-    // sees exactly the counted tokens and the array cannot overflow; the
-    // caller's character there is put back afterwards.
-    char *stop = nullptr;
-    char stopped = '\0';
-    if (strnlen(buffer, n + 1) > n) {
-        stop = buffer + n;
-        stopped = *stop;
-        *stop = '\0';
-    }
-
-    int stored = 0;
-    pos = nullptr;
-    char *t = strtok_r(buffer, delim, &pos);
-    while (t && stored < count) {
-        size_t tlen = strlen(t);
-        char *copy = static_cast<char *>(calloc(1, tlen + 1));
-        if (copy)
-            zel_sstrncpy(copy, t, tlen + 1);
-        array[stored++] = copy; // a token without memory leaves its slot null
-        if (stored < count)
-            t = strtok_r(nullptr, delim, &pos);
-    }
-
-    if (stop)
-        *stop = stopped;
-    *num_strings = stored;
+    *num_strings = split_into(buffer, n, delim, array, count);
     return VOBREL_OK;
 }
 

@@ -282,6 +282,60 @@ void *id_to_ptr_internal(idmgr_id_t id, id_mgr_ret *ret_code, id_table_key_t key
     return p;
 }
 
+// A walk of a no-randomize table: the entry it stops at (never returned) and
+// where it starts.
+struct Walk {
+    uint32_t stop_slot;
+    uint32_t stop_index;
+    uint32_t slot;
+    uint32_t from;
+};
+
+// Where a walk after `id` starts and stops; 0 walks from the top. A start
+// past the last slot wraps to the top and sets *wrapped.
+Walk walk_start(unsigned key, idmgr_id_t id, boolean *wrapped)
+{
+    const uint32_t last = zel_numTableSlot_max[key] - 1;
+    const uint32_t per = zel_numIDsPerSLot_max[key];
+    Walk w{last, per - 1, 0, 0};
+    if (id == 0)
+        return w;
+    const Decoded d = decode(id);
+    w.stop_slot = d.slot;
+    w.stop_index = d.index;
+    w.slot = d.slot;
+    w.from = d.index + 1;
+    if (w.from >= per) { // an index past the slot's end counts as its end
+        w.from = 0;
+        ++w.slot;
+    }
+    if (w.slot > last) {
+        *wrapped = TRUE;
+        w.stop_slot = last;
+        w.stop_index = per - 1;
+        w.slot = 0;
+        w.from = 0;
+    }
+    return w;
+}
+
+// Looks for an entry in use in slot `sl` from index `lo` below `hi`; an
+// unallocated slot has none. On a find, sets *next_id, *ret_code and *p.
+bool scan_slot(entry_t *const *slots, uint32_t sl, uint32_t lo, uint32_t hi, idmgr_id_t *next_id,
+               id_mgr_ret *ret_code, void **p)
+{
+    const entry_t *slot = slots[sl];
+    for (uint32_t i = lo; slot && i < hi; ++i) {
+        if (slot[i].tableSequence & kInUse) {
+            *next_id = (sl << 16 | i) + 1;
+            *ret_code = ID_MGR_RET_OK;
+            *p = slot[i].u.user_p;
+            return true;
+        }
+    }
+    return false;
+}
+
 } // namespace
 
 extern "C" {
@@ -458,51 +512,21 @@ void *zel_id_get_next_id_ptr(idmgr_id_t id, idmgr_id_t *next_id, id_mgr_ret *ret
     entry_t **slots = zel_g_id_manager_table[key];
     const uint32_t last = zel_numTableSlot_max[key] - 1;
     const uint32_t per = zel_numIDsPerSLot_max[key];
-    uint32_t stop_slot = last, stop_index = per - 1, s = 0, from = 0;
-    if (id != 0) {
-        const Decoded d = decode(id);
-        stop_slot = d.slot;
-        stop_index = d.index;
-        s = d.slot;
-        from = d.index + 1;
-        if (from >= per) { // an index past the slot's end counts as its end
-            from = 0;
-            ++s;
-        }
-        if (s > last) {
-            *wrapped = TRUE;
-            stop_slot = last;
-            stop_index = per - 1;
-            s = 0;
-            from = 0;
-        }
-    }
+    const Walk w = walk_start(key, id, wrapped);
+    uint32_t s = w.slot;
     void *p = nullptr;
-    // Looks for an entry in use in slot `sl` from index `lo` below `hi`.
-    auto hit = [&](uint32_t sl, uint32_t lo, uint32_t hi) {
-        const entry_t *slot = slots[sl];
-        for (uint32_t i = lo; slot && i < hi; ++i) {
-            if (slot[i].tableSequence & kInUse) {
-                *next_id = (sl << 16 | i) + 1;
-                *ret_code = ID_MGR_RET_OK;
-                p = slot[i].u.user_p;
-                return true;
-            }
-        }
-        return false;
-    };
-    if (hit(s, from, per))
+    if (scan_slot(slots, s, w.from, per, next_id, ret_code, &p))
         return p;
     for (;;) {
         if (++s > last) {
             s = 0;
             *wrapped = TRUE;
         }
-        if (s == stop_slot) {
-            hit(s, 0, stop_index < per ? stop_index : per);
+        if (s == w.stop_slot) {
+            scan_slot(slots, s, 0, w.stop_index < per ? w.stop_index : per, next_id, ret_code, &p);
             return p;
         }
-        if (hit(s, 0, per))
+        if (scan_slot(slots, s, 0, per, next_id, ret_code, &p))
             return p;
     }
 }

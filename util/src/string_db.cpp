@@ -454,6 +454,92 @@ sdb_string *new_text(const char *buf, int len, sdb_string_types type, const Look
     return s;
 }
 
+// Anonymous add: the text, created if missing, gains one reference.
+boolean add_anonymous(sdb_string *s, const char *buf, int len, sdb_string_types type, const Lookup &where,
+                      sdb_handle *handle)
+{
+    if (!s) {
+        s = new_text(buf, len, type, where);
+        if (!s) {
+            *handle = 0;
+            return FALSE;
+        }
+    }
+    if (!sdb_bump_refcount(s))
+        return FALSE;
+    *handle = make_handle(s, SDB_TAG_STRING);
+    ++sdb_number_adds;
+    return TRUE;
+}
+
+// The text already has this owner: a unique owner keeps its one object, any
+// other gains a context.
+boolean add_to_existing_owner(sdb_owner *o, void *owner_context, sdb_handle *handle)
+{
+    if (o->unique)
+        return FALSE;
+    sdb_handle h = sdb_add_context_to_owner(o, owner_context);
+    if (!h)
+        return FALSE;
+    *handle = h;
+    ++sdb_number_adds;
+    return TRUE;
+}
+
+// An owner record for a handed-out id, holding its first object and not yet
+// on any text; *h gets its handle. Null if the id was freed or memory ran out.
+sdb_owner *new_owner(ushort owner_id, void *owner_context, sdb_handle *h)
+{
+    const sdb_owner_info *info = &sdb_owner_info_array[owner_id];
+    if (info->unregistered)
+        return nullptr;
+    auto *o = static_cast<sdb_owner *>(vobrel::detail::xos_alloc(sizeof(sdb_owner)));
+    if (!o)
+        return nullptr;
+    o->owner_id = owner_id;
+    o->unique = info->unique;
+    if (o->unique) {
+        o->info.owner_context = owner_context;
+        *h = make_handle(o, SDB_TAG_OWNER);
+    } else {
+        *h = sdb_add_context_to_owner(o, owner_context);
+        if (!*h) {
+            sdb_free_owner(o);
+            return nullptr;
+        }
+    }
+    return o;
+}
+
+// First add of this text by this owner. The owner record comes first, so an
+// owner that cannot be made leaves no new text behind.
+boolean add_with_new_owner(sdb_string *s, const char *buf, int len, sdb_string_types type, const Lookup &where,
+                           ushort owner_id, void *owner_context, sdb_handle *handle)
+{
+    sdb_handle h = 0;
+    sdb_owner *o = new_owner(owner_id, owner_context, &h);
+    if (!o)
+        return FALSE;
+    if (!s) {
+        s = new_text(buf, len, type, where);
+        if (!s) {
+            // Releasing the only context releases the owner record with it.
+            if (o->unique)
+                sdb_free_owner(o);
+            else
+                sdb_free_context(o->info.contexts);
+            *handle = 0;
+            return FALSE;
+        }
+    }
+    o->string = s;
+    o->next_owner = s->owners;
+    s->owners = o;
+    *handle = h;
+    ++sdb_number_adds;
+    return TRUE;
+}
+
 } // namespace
 
 uint32_t vobrel::detail::sdb_do_crc(const uchar *buf, int len, boolean upcase)
@@ -554,70 +640,14 @@ boolean sdb_add_string(const char *buf, int len, sdb_string_types type, sdb_hand
     sdb_string *s = sdb_find_string_entry(buf, len, type, &where);
 
     // 0xFFFF and ids never handed out take an anonymous reference.
-    if (owner_id >= sdb_max_users) {
-        if (!s) {
-            s = new_text(buf, len, type, where);
-            if (!s) {
-                *handle = 0;
-                return FALSE;
-            }
-        }
-        if (!sdb_bump_refcount(s))
-            return FALSE;
-        *handle = make_handle(s, SDB_TAG_STRING);
-        ++sdb_number_adds;
-        return TRUE;
-    }
+    if (owner_id >= sdb_max_users)
+        return add_anonymous(s, buf, len, type, where, handle);
 
     if (s) {
-        if (sdb_owner *o = sdb_find_owner(s, owner_id)) {
-            if (o->unique)
-                return FALSE;
-            sdb_handle h = sdb_add_context_to_owner(o, owner_context);
-            if (!h)
-                return FALSE;
-            *handle = h;
-            ++sdb_number_adds;
-            return TRUE;
-        }
+        if (sdb_owner *o = sdb_find_owner(s, owner_id))
+            return add_to_existing_owner(o, owner_context, handle);
     }
-
-    const sdb_owner_info *info = &sdb_owner_info_array[owner_id];
-    if (info->unregistered)
-        return FALSE;
-    auto *o = static_cast<sdb_owner *>(vobrel::detail::xos_alloc(sizeof(sdb_owner)));
-    if (!o)
-        return FALSE;
-    o->owner_id = owner_id;
-    o->unique = info->unique;
-    sdb_handle h;
-    if (o->unique) {
-        o->info.owner_context = owner_context;
-        h = make_handle(o, SDB_TAG_OWNER);
-    } else {
-        h = sdb_add_context_to_owner(o, owner_context);
-        if (!h) {
-            sdb_free_owner(o);
-            return FALSE;
-        }
-    }
-    if (!s) {
-        s = new_text(buf, len, type, where);
-        if (!s) {
-            if (o->unique)
-                sdb_free_owner(o);
-            else
-                sdb_free_context(o->info.contexts);
-            *handle = 0;
-            return FALSE;
-        }
-    }
-    o->string = s;
-    o->next_owner = s->owners;
-    s->owners = o;
-    *handle = h;
-    ++sdb_number_adds;
-    return TRUE;
+    return add_with_new_owner(s, buf, len, type, where, owner_id, owner_context, handle);
 }
 
 boolean sdb_find_string(const char *buf, int len, sdb_string_types type, int index, ushort id, void **context)
