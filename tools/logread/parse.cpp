@@ -341,8 +341,10 @@ std::vector<std::string> check(std::string_view s, const Log &log)
     const size_t pos = static_cast<size_t>(log.header_position);
     const std::string at = "the header's position " + std::to_string(pos);
 
-    // A start line, or a function part, that runs past the position.
-    for (size_t q = pos > kHeaderSize + kMaxStartLine ? pos - kMaxStartLine : kHeaderSize; q < pos; ++q) {
+    // A start line, or a function part, that runs past the position. A line
+    // break right before the position is the newest record's last byte (its
+    // text ended in one): what follows it is the older pass, not a start line.
+    for (size_t q = pos > kHeaderSize + kMaxStartLine ? pos - kMaxStartLine : kHeaderSize; q + 1 < pos; ++q) {
         if (s[q] != '\n')
             continue;
         auto c = match(s, q, s.size());

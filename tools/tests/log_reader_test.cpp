@@ -301,6 +301,9 @@ TEST(LogReaderCheck, SaysWhetherTheHeaderAgreesWithTheText)
     struct Row { std::string bytes; int status; std::string says; };
     const Row rows[] = {
         {file(body, "", 1), 0, "agrees with the text (position " + std::to_string(16 + body.size()) + ", number 1"},
+        // The newest text ends in a line break just where an older record's
+        // began, so the older start line follows the position at once.
+        {file(body, rec(9, "older").substr(1), 1), 0, "agrees with the text (position " + std::to_string(16 + body.size())},
         {file(body, "", 7), 1, "the header's number 7 is not the number of the newest record (1, at offset "},
         {file(body, "", 1, last + 5), 1, "inside the start line of the record at offset " + std::to_string(last)},
         {file(kOpen + rec(0, "fn(12): m"), "", 0, in_fn), 1, " falls inside the function name and line of the record"},
