@@ -86,6 +86,8 @@ template <typename Take> void *watched_dequeue(watched_queue *wq, Take take)
     Hold hold(&wq->mutex);
     if (queueempty_inline(&wq->eventQ))
         return nullptr;
+    // event_count counts the items on eventQ, so it is at least 1 here.
+    VOBREL_ASSERT(wq->event_count > 0);
     void *item = take(&wq->eventQ);
     set_pending(wq, wq->event_count - 1);
     return item;

@@ -12,6 +12,8 @@
 #include <pthread.h>
 #include <stdint.h>
 
+#include "common/src/library_private.h"
+
 namespace vobrel::detail {
 
 // The one lock of the six locked operations, across every queue of the
@@ -157,6 +159,8 @@ inline boolean swapqueue_body(queuetype *q, void *enew, void *eold, const char *
     // Swapping an element for itself would cut the chain behind it.
     if (enew == eold)
         return TRUE;
+    // Not checked, and not reported: the caller passes an element on no queue.
+    VOBREL_ASSERT(!queue_linked(q, enew));
     qlink(pred) = enew;
     qlink(enew) = qlink(eold);
     qlink(eold) = nullptr;
@@ -173,6 +177,9 @@ inline boolean queue_insert_comp_body(queuetype *q, void *e, queue_compare_func 
         enqueue_body(q, e, fname);
         return TRUE;
     }
+    // Not checked here, and not reported: the caller passes an element on no
+    // queue.
+    VOBREL_ASSERT(!queue_linked(q, e));
     void *pred = q;
     for (void *p = q->qhead; p; p = qlink(p)) {
         // LT and EQ move on; anything else, read unsigned, inserts before p.
