@@ -124,6 +124,9 @@ void vobrel_debug_get_startup_common(void)
         vobrel_debug_core_errors = TRUE;
         if (level > 6) {
             vobrel_debug_core_events = TRUE;
+            // Above every row of the table as shipped: reached only once a
+            // process has written a larger val into level_pairs. The table is
+            // exported and writable, so that is allowed, and no broken rule.
             if (level > 255)
                 vobrel_debug_core_all = TRUE;
         }

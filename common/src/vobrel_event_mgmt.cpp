@@ -86,6 +86,8 @@ template <typename Take> void *watched_dequeue(watched_queue *wq, Take take)
     Hold hold(&wq->mutex);
     if (queueempty_inline(&wq->eventQ))
         return nullptr;
+    // event_count is not asserted positive: eventQ is a public field, and a
+    // caller that fills it directly leaves the count behind.
     void *item = take(&wq->eventQ);
     set_pending(wq, wq->event_count - 1);
     return item;

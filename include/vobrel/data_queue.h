@@ -17,7 +17,9 @@ VOBREL_BEGIN_DECLS
 
 /* The wrapper: the queue link, then the caller's datum. */
 typedef struct elementtype_ {
+    /* private */
     struct elementtype_ *next;
+    /* read-only: maintained by the library */
     void *pakptr;
 } elementtype;
 

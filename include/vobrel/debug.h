@@ -13,8 +13,8 @@
 
 VOBREL_BEGIN_DECLS
 
-/* On/off switches, all 0 at load. vobrel_debug_errors is the one the library
- * itself tests before printing its problem lines with buginf(). */
+/* public: on/off switches, all 0 at load. vobrel_debug_errors is the one the
+ * library itself tests before printing its problem lines with buginf(). */
 VOBREL_API extern boolean vobrel_debug_errors;
 VOBREL_API extern boolean vobrel_debug_events;
 VOBREL_API extern boolean voba_debug_error;
@@ -33,9 +33,9 @@ typedef struct name_val_pair_s {
 /* Number of rows of level_pairs, the terminator (null name, val 0) included. */
 #define VOBREL_LEVEL_PAIRS_ROWS 20
 
-/* Level names and their values, EMERG (0) to ALL (255), ending with a row
- * whose name is null. Writable: a process may change the values, e.g. to make
- * a level reach vobrel_debug_core_all (which needs more than 255). */
+/* public. Level names and their values, EMERG (0) to ALL (255), ending with a
+ * row whose name is null. Writable: a process may change the values, e.g. to
+ * make a level reach vobrel_debug_core_all (which needs more than 255). */
 VOBREL_API extern vobrel_name_val_pair_t level_pairs[VOBREL_LEVEL_PAIRS_ROWS];
 
 /* Set a switch: on when `on_off` is non-zero, off when 0. VOBREL_OK. */

@@ -39,12 +39,16 @@ typedef struct message_stats_ {
  * format and severity. limiter, flags and redir_ptr are carried for processes
  * that want them and are never interpreted here. */
 typedef struct message_ {
+    /* public: set by whoever defines the entry; read by the library */
     const char *fac;
     const char *name;
     const char *format;
+    /* public: for the process; never read here */
     message_limiter *limiter;
     uint16_t flags;
+    /* public: set by whoever defines the entry; read by the library */
     uint8_t severity;
+    /* public: for the process; never read here */
     message_stats **redir_ptr;
 } message;
 

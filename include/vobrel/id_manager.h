@@ -63,6 +63,7 @@ typedef uint16_t id_table_key_t; /* 0 to 127; 0xFFFF: no key */
 /* One entry per identifier. While the entry is free, `u.next` links it on the
  * free queue; while it is in use, `u.user_p` is the caller's pointer. */
 typedef struct _entry_t {
+    /* private: maintained by the ID manager */
     union {
         struct _entry_t *next;
         void *user_p;
@@ -83,8 +84,8 @@ typedef enum id_mgr_ret_t {
     ID_IN_USE = 5             /* the requested identifier is already taken */
 } id_mgr_ret;
 
-/* Per-table state indexed by key. A key without a table has a null slot array
- * and both limits 0. */
+/* read-only: maintained by the ID manager. Per-table state indexed by key. A
+ * key without a table has a null slot array and both limits 0. */
 VOBREL_API extern entry_t **zel_g_id_manager_table[ID_MGR_MAX_TABLES];
 VOBREL_API extern uint32_t zel_numTableSlot_max[ID_MGR_MAX_TABLES];  /* 1 to 256 */
 VOBREL_API extern uint32_t zel_numIDsPerSLot_max[ID_MGR_MAX_TABLES]; /* 2 to 65536 */

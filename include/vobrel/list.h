@@ -33,9 +33,12 @@ typedef int32_t (*list_insert_func_t)(void *on_list, void *new_data);
 typedef int32_t (*list_lookup_func_t)(void *on_list, void *key);
 
 struct list_element_ {
+    /* read-only: maintained by the list operations */
     list_element *next; /* null at the tail */
     list_element *prev; /* null at the head */
+    /* public */
     void *data;         /* the caller's datum */
+    /* read-only: maintained by the list operations */
     list_header *list;  /* the list the element is on; null when on none */
 };
 
@@ -49,16 +52,22 @@ typedef struct list_action_ {
 } list_action_t;
 
 struct list_header_ {
+    /* read-only: maintained by the list operations */
     list_element *head;
     list_element *tail;
     list_element element;  /* links this header into the registry; data is the header */
     uint32_t ID;           /* from the creation counter; the registry itself is 0 */
+    /* read-only: changed through the zel_list_set_* calls */
     uint16_t flags;        /* LIST_FLAGS_* */
+    /* read-only: maintained by the list operations */
     uint32_t count;
+    /* read-only: given at creation */
     uint32_t maximum;      /* 0: no limit */
     const char *name;      /* not copied; "(unknown)" when created without one */
+    /* read-only: changed through zel_list_set_info and zel_list_set_action */
     list_info_t info;
     list_action_t *action; /* never null on a created list */
+    /* public */
     void *context;         /* the user's; zero at creation, never read here */
 };
 
@@ -68,13 +77,13 @@ struct list_header_ {
 #define LIST_FLAGS_INTERRUPT_SAFE 0x0008 /* marker only; changes no behaviour */
 #define LIST_FLAGS_USER_MASK 0xff00      /* bits owned by the list's user */
 
-/* Allocation sizes in bytes of one element and (privately) one header; 0 until
- * zel_memory_list_init. Allocation is refused while the size is below the
- * record's own size. */
+/* public. Allocation sizes in bytes of one element and (privately) one header;
+ * 0 until zel_memory_list_init. Allocation is refused while the size is below
+ * the record's own size. */
 VOBREL_API extern int list_element_chunk;
 
-/* The one default table. A list uses its address; merge accepts only lists
- * that use this table itself, not a copy. */
+/* read-only. The one default table. A list uses its address; merge accepts
+ * only lists that use this table itself, not a copy. */
 VOBREL_API extern list_action_t list_action_vectors_default;
 
 /* The default actions. On an automatic list an action given a null element

@@ -18,9 +18,10 @@
 
 VOBREL_BEGIN_DECLS
 
-/* Size limit of the log file in bytes, filled in from the platform. */
+/* read-only: the size limit of the log file in bytes, filled in from the
+ * platform. */
 VOBREL_API extern int log_file_size;
-/* Short process name (at most 9 characters) ending the log file's name. Set it
+/* public: the short process name (at most 9 characters) ending the log file's name. Set it
  * before the first log call. */
 VOBREL_API extern char vob_proc_name[10];
 

@@ -19,9 +19,11 @@ VOBREL_BEGIN_DECLS
 
 /* The queue header. A zero-filled header is an empty queue without limit. */
 typedef struct queuetype_ {
+    /* read-only: maintained by the queue operations */
     void *qhead;     /* first element, null when empty */
     void *qtail;     /* last element, null when empty */
     int32_t count;   /* elements on the queue */
+    /* read-only: set by zel_queue_init */
     int32_t maximum; /* limit tested by queuefull_inline; 0 means none */
 } queuetype;
 
@@ -29,7 +31,10 @@ typedef struct queuetype_ {
  * qhead is the header's first word, so a header can stand in for the
  * predecessor of the head wherever a predecessor is taken. */
 typedef struct nexthelper_ {
+    /* private: the queues' link word; the owner leaves it null while the
+     * element is on no queue */
     struct nexthelper_ *next;
+    /* public */
     uchar data[];
 } nexthelper;
 
@@ -44,6 +49,7 @@ typedef enum queue_compare_result_ {
 typedef queue_compare_result (*queue_compare_func)(void *queued, void *inserted);
 
 /* Operation names used in the queue's reports. */
+/* read-only: the operation names used in reports */
 VOBREL_API extern const char *const queue_badEnqueueStr; /* "bad enqueue" */
 VOBREL_API extern const char *const queue_enqueueStr;    /* "enqueue" */
 VOBREL_API extern const char *const queue_dequeueStr;    /* "dequeue" */

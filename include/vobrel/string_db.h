@@ -52,7 +52,10 @@ typedef intptr_t sdb_handle;
 struct sdb_owner_;
 struct sdb_context_;
 
-/* One per distinct stored text. It shares one zero-filled allocation with its
+/* read-only: the records up to sdb_owner_info are maintained by the string
+ * database.
+ *
+ * One per distinct stored text. It shares one zero-filled allocation with its
  * bytes, which sit `sdb_offset` bytes before it and are followed by at least
  * one zero byte. */
 typedef struct sdb_string_ {
@@ -94,7 +97,7 @@ typedef struct sdb_owner_info_ {
     tinybool unregistered; /* TRUE while the id is free for reuse */
 } sdb_owner_info;
 
-/* The test component's objects. */
+/* public: the test component's objects. */
 typedef struct sdb_test_example_ {
     struct sdb_test_example_ *next;
     char *name;
@@ -105,7 +108,9 @@ typedef struct sdb_test_example_ {
 /* The reflected CRC-32 table (polynomial 0xEDB88320). */
 VOBREL_API extern const uint32_t sdb_crc_ctabl[256];
 
-/* Bucket heads: sdb_hash_table_size of them (a power of two, 256 at start),
+/* read-only: every variable below is maintained by the string database.
+ *
+ * Bucket heads: sdb_hash_table_size of them (a power of two, 256 at start),
  * null until the first set-up. A record lives in bucket crc & sdb_hash_mask. */
 VOBREL_API extern sdb_string **sdb_hash_table;
 VOBREL_API extern uint32_t sdb_hash_table_size;

@@ -70,8 +70,10 @@ typedef enum RWRETVAL_ {
 /* A flag one thread sets and another waits on. `value` is a level, not a
  * pulse: waiting never clears it. Guarded by `mutex`. */
 typedef struct watched_boolean_ {
+    /* private */
     pthread_cond_t cv;
     pthread_mutex_t mutex;
+    /* read-only: set with process_set_boolean */
     boolean value;
 } watched_boolean;
 
@@ -80,8 +82,10 @@ typedef struct watched_boolean_ {
  * event_count always equals eventQ.count while `mutex` is free, and is what
  * the unlocked full and empty tests read (atomically). */
 typedef struct watched_queue_ {
+    /* read-only: maintained by the library */
     queuetype eventQ;
     int32_t event_count;
+    /* private */
     pthread_cond_t cv;
     pthread_mutex_t mutex;
 } watched_queue;

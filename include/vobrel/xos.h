@@ -11,7 +11,8 @@
 
 VOBREL_BEGIN_DECLS
 
-/* Ticks per second of the process-times clock; 0 until zel_timer_init runs. */
+/* read-only: ticks per second of the process-times clock; 0 until
+ * zel_timer_init runs. */
 VOBREL_API extern long zel_timer_ticks_per_second;
 
 /* `bytes` zero-filled bytes, or null. */

@@ -8,11 +8,13 @@
 #include <fstream>
 #include <ftw.h>
 #include <mutex>
-#include <regex>
 #include <sstream>
+#include <utility>
 #include <unistd.h>
 
 #include <vobrel/logger.h>
+
+#include "tools/logread/logread.h"
 
 namespace {
 
@@ -232,21 +234,20 @@ std::string read_log()
     return ss.str();
 }
 
+// Read with the log reader's own parser (tools/logread), so the tests and
+// vobrel-log agree on what a record is. The file is taken as written, from
+// byte 16 to its end: a test may have put anything before the records.
 std::vector<LogRecord> log_records()
 {
-    std::string s = read_log();
+    const std::string s = read_log();
     std::vector<LogRecord> out;
-    static const std::regex rec(R"(\n(\d{4}/\d{2}/\d{2}-\d{2}:\d{2}:\d{2})\[(-?\d+)\]\{(\d+)\}:)");
-    auto begin = std::sregex_iterator(s.begin(), s.end(), rec);
-    std::vector<std::smatch> ms(begin, std::sregex_iterator());
-    for (size_t i = 0; i < ms.size(); ++i) {
-        size_t start = static_cast<size_t>(ms[i].position(0) + ms[i].length(0));
-        size_t end = i + 1 < ms.size() ? static_cast<size_t>(ms[i + 1].position(0)) : s.size();
-        std::string msg = s.substr(start, end - start);
-        size_t banner = msg.find("\n[QMT-VER-");
-        if (banner != std::string::npos)
-            msg.resize(banner);
-        out.push_back({ms[i][1].str(), std::stoi(ms[i][2].str()), std::stoi(ms[i][3].str()), msg});
+    for (const logread::Item &it : logread::scan(s, logread::kHeaderSize, s.size())) {
+        if (it.kind != logread::Kind::Record)
+            continue;
+        // The message as logged: the function part, when there is one, too.
+        const char *text = it.has_function ? it.function.data() : it.message.data();
+        out.push_back({std::string(it.time), static_cast<int>(it.number), static_cast<int>(it.pid),
+                       std::string(text, it.message.data() + it.message.size())});
     }
     return out;
 }
@@ -259,16 +260,33 @@ std::vector<std::string> log_messages()
     return out;
 }
 
+namespace {
+
+// The two header fields, or -1 for each while the header is incomplete or is
+// not two numbers. Only the header is handed to the parser, so this stays
+// cheap on a large file (the parse stops, as it should, at the position).
+std::pair<int, int> header_fields()
+{
+    const std::string s = read_log();
+    logread::Log log;
+    if (s.size() < logread::kHeaderSize)
+        return {-1, -1};
+    const logread::Status st = logread::parse(std::string_view(s).substr(0, logread::kHeaderSize), log);
+    if (st == logread::Status::HeaderNotNumbers)
+        return {-1, -1};
+    return {static_cast<int>(log.header_position), static_cast<int>(log.header_number)};
+}
+
+} // namespace
+
 int log_header_pos()
 {
-    std::string s = read_log();
-    return s.size() >= 8 ? atoi(s.substr(0, 8).c_str()) : -1;
+    return header_fields().first;
 }
 
 int log_header_number()
 {
-    std::string s = read_log();
-    return s.size() >= 16 ? atoi(s.substr(8, 8).c_str()) : -1;
+    return header_fields().second;
 }
 
 } // namespace fake

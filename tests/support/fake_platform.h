@@ -53,7 +53,8 @@ std::string log_path();
 // The log file's bytes, or "" when it does not exist.
 std::string read_log();
 
-// One parsed record of a log file that has not wrapped.
+// One record of the log file as the log reader (tools/logread) finds it, in
+// file order: meant for a file that has not wrapped.
 struct LogRecord {
     std::string time;
     int number;

@@ -120,6 +120,12 @@ bool settled(std::string_view bytes, const Log &log);
 // (the header fields when they are numbers) and no items.
 Status parse(std::string_view bytes, Log &out);
 
+// Every banner and record start line in bytes[begin, end), in file order,
+// each item running to the next one (or to `end`). Nothing else is read: not
+// the header, not the regions, and a record need not follow the one before
+// it. For looking at the text exactly as it was written, as a test does.
+std::vector<Item> scan(std::string_view bytes, size_t begin, size_t end);
+
 // What is wrong with the header against the text; empty when they agree.
 // `log` must come from parse(bytes) with status Ok.
 std::vector<std::string> check(std::string_view bytes, const Log &log);

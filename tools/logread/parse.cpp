@@ -335,6 +335,20 @@ Status parse(std::string_view s, Log &out)
     return Status::Ok;
 }
 
+std::vector<Item> scan(std::string_view s, size_t begin, size_t end)
+{
+    std::vector<Item> out;
+    end = end < s.size() ? end : s.size();
+    if (begin >= end)
+        return out;
+    std::vector<Candidate> c = candidates(s, begin, end);
+    std::vector<size_t> all(c.size());
+    for (size_t i = 0; i < all.size(); ++i)
+        all[i] = i;
+    emit(s, c, all, end, out);
+    return out;
+}
+
 std::vector<std::string> check(std::string_view s, const Log &log)
 {
     std::vector<std::string> problems;

@@ -59,7 +59,9 @@ void *zel_data_enqueue(queuetype *queue, void *data)
     }
     w->pakptr = data;
     QueueLock lock;
-    enqueue_body(queue, w, QueueCaller::zel_data_enqueue); // a fresh wrapper is never refused
+    // A fresh wrapper is linked nowhere, so it is never refused.
+    [[maybe_unused]] const boolean queued = enqueue_body(queue, w, QueueCaller::zel_data_enqueue);
+    VOBREL_ASSERT(queued);
     return data;
 }
 
@@ -72,7 +74,8 @@ void *zel_data_requeue(queuetype *queue, void *data)
         return nullptr;
     w->pakptr = data;
     QueueLock lock;
-    requeue_body(queue, w, QueueCaller::zel_data_requeue);
+    [[maybe_unused]] const boolean queued = requeue_body(queue, w, QueueCaller::zel_data_requeue);
+    VOBREL_ASSERT(queued);
     return data;
 }
 

@@ -12,6 +12,8 @@
 #include <pthread.h>
 #include <stdint.h>
 
+#include "common/src/library_private.h"
+
 namespace vobrel::detail {
 
 // The one lock of the six locked operations, across every queue of the
@@ -182,6 +184,8 @@ inline boolean swapqueue_body(queuetype *q, void *enew, void *eold, QueueCaller 
     // Swapping an element for itself would cut the chain behind it.
     if (enew == eold)
         return TRUE;
+    // Not checked, and not reported: the caller passes an element on no queue
+    // (a debug build must not trap on what the release build tolerates).
     qlink(pred) = enew;
     qlink(enew) = qlink(eold);
     qlink(eold) = nullptr;
@@ -198,6 +202,8 @@ inline boolean queue_insert_comp_body(queuetype *q, void *e, queue_compare_func 
         enqueue_body(q, e, who);
         return TRUE;
     }
+    // Not checked here, and not reported: the caller passes an element on no
+    // queue.
     void *pred = q;
     for (void *p = q->qhead; p; p = qlink(p)) {
         // LT and EQ move on; anything else, read unsigned, inserts before p.
