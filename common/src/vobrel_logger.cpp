@@ -15,8 +15,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/src/library_private.h"
 #include "common/src/vobrel_logger_private.h"
 
+using vobrel::detail::kSpinTries;
+using vobrel::detail::spin_pause;
 using vobrel::detail::vob_mk_time_str;
 
 extern "C" {
@@ -41,17 +44,6 @@ uint32_t log_index;
 long log_pos;
 const char *ver_str = "Unknown";
 
-// Tries at the lock before sleeping on it; bounded, so a single core loses
-// at most a few microseconds.
-constexpr int kSpinTries = 200;
-
-inline void spin_pause()
-{
-#if defined(__i386__) || defined(__x86_64__)
-    __builtin_ia32_pause();
-#endif
-}
-
 // The semaphore is created exactly once per process, before any thread can
 // use it; a retried initialisation never re-creates it under a waiter.
 void logger_sem_create()
@@ -62,10 +54,8 @@ void logger_sem_create()
 void logger_lock()
 {
     pthread_once(&logger_sem_once, logger_sem_create);
-    // A record holds the lock for about a microsecond. Sleeping on the
-    // semaphore costs a futex wait and, on release, a wake-up per record,
-    // which halved the throughput of four logging threads; a short bounded
-    // spin takes the lock as it is handed back.
+    // The library's bounded spin (library_private.h): sleeping on the
+    // semaphore at every record halved the throughput of four logging threads.
     for (int i = 0; i < kSpinTries; ++i) {
         if (sem_trywait(&logger_sem) == 0)
             return;
