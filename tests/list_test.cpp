@@ -249,6 +249,40 @@ TEST_F(List, CustomTableHasNullSlotsFilledInPlaceAndIsDispatchedTo)
     EXPECT_EQ(contents(l), (V{&d[0], &d[1]}));
 }
 
+// The setters touch their own bit only, and every accessor refuses a null list.
+TEST_F(List, FlagSettersAndLinkPrimitivesKeepToTheirPart)
+{
+    list_header *l = make(0, 0x1200);
+    const uint16_t kept = l->flags;
+    zel_list_set_automatic(l, TRUE);
+    zel_list_set_interrupt_safe(l, TRUE);
+    EXPECT_TRUE(zel_list_is_automatic(l) && l->flags == (kept | LIST_FLAGS_AUTOMATIC | LIST_FLAGS_INTERRUPT_SAFE));
+    zel_list_set_automatic(l, FALSE);
+    zel_list_set_interrupt_safe(l, FALSE);
+    EXPECT_TRUE(!zel_list_is_automatic(l) && l->flags == kept);
+    EXPECT_EQ(zel_list_set_flags_user(l, 0xffff), 0xff00);
+    EXPECT_EQ(zel_list_clear_flags_user(l, 0x00ff | 0x0100), 0xfe00);
+    EXPECT_TRUE(zel_list_get_flags_user(l, 0x0300) == 0x0200 && (l->flags & 0x00ff) == (kept & 0x00ff));
+    zel_list_set_automatic(nullptr, TRUE);
+    zel_list_set_interrupt_safe(nullptr, TRUE);
+    EXPECT_TRUE(!zel_list_is_automatic(nullptr) && !zel_list_set_flags_user(nullptr, 0xff00) &&
+                !zel_list_set_info(nullptr, nullptr) && !zel_list_get_info(nullptr) && !zel_list_get_action(nullptr));
+    EXPECT_TRUE(zel_list_set_info(l, nullptr) && zel_list_get_info(l) == list_info_default);
+
+    // The primitives link and unlink without checks: head, middle, tail.
+    list_element e[3]{};
+    for (int i = 0; i < 3; ++i)
+        e[i].data = &d[i];
+    zel_list_insert_element(l, nullptr, &e[1]);
+    zel_list_insert_element(l, nullptr, &e[0]);
+    zel_list_insert_element(l, &e[1], &e[2]);
+    EXPECT_EQ(contents(l), (V{&d[0], &d[1], &d[2]}));
+    zel_list_remove_element(l, &e[1]);
+    zel_list_insert_element(nullptr, nullptr, &e[1]);
+    zel_list_remove_element(l, nullptr);
+    EXPECT_TRUE(unlinked(e[1]) && contents(l) == (V{&d[0], &d[2]}));
+}
+
 TEST_F(List, MergeAppendsAndRelabelsOrChangesNothing)
 {
     list_header *dst = make(), *src = make(), *autol = make(0, LIST_FLAGS_AUTOMATIC);

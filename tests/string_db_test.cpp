@@ -102,8 +102,10 @@ TEST(StringDbSharing, BadArgumentsAreRefusedAndChangeNothing)
     for (auto [buf, len, out] : bad)
         EXPECT_FALSE(sdb_add_string(buf, len, SDB_BINARY_STRING, out ? &h : nullptr, SDB_NO_OWNER, nullptr) ||
                      sdb_find_string(buf, len, SDB_BINARY_STRING, 0, 0, out ? &ctx : nullptr));
+    int len = 9;
     for (sdb_handle wrong : {sdb_handle{0}, sdb_handle{3}, real & ~3}) // no address, or no tag
-        EXPECT_FALSE(sdb_remove_string(wrong, nullptr));
+        EXPECT_FALSE(sdb_remove_string(wrong, nullptr) || sdb_string_addr(wrong, &len) ||
+                     sdb_string_addr_ptr(wrong) || sdb_block_addr_ptr(wrong));
     EXPECT_TRUE(h == 77 && ctx == &h && sdb_number_adds == 3 && sdb_number_searchs == 0 && sdb_number_removals == 0);
 }
 
