@@ -349,35 +349,42 @@ std::vector<Item> scan(std::string_view s, size_t begin, size_t end)
     return out;
 }
 
-std::vector<std::string> check(std::string_view s, const Log &log)
-{
-    std::vector<std::string> problems;
-    const size_t pos = static_cast<size_t>(log.header_position);
-    const std::string at = "the header's position " + std::to_string(pos);
+namespace {
 
-    // A start line, or a function part, that runs past the position. A line
-    // break right before the position is the newest record's last byte (its
-    // text ended in one): what follows it is the older pass, not a start line.
+// The problem when the header's position falls inside a start line, or a
+// function part, that runs past it; empty when none does. A line break right
+// before the position is the newest record's last byte (its text ended in
+// one): what follows it is the older pass, not a start line.
+std::string straddling_start(std::string_view s, size_t pos, const std::string &at)
+{
     for (size_t q = pos > kHeaderSize + kMaxStartLine ? pos - kMaxStartLine : kHeaderSize; q + 1 < pos; ++q) {
         if (s[q] != '\n')
             continue;
         auto c = match(s, q, s.size());
         if (!c)
             continue;
-        if (c->body > pos) {
-            problems.push_back(at + " falls inside the start line of the " +
-                               (c->item.kind == Kind::Record ? "record" : "banner") + " at offset " +
-                               std::to_string(q));
-            return problems;
-        }
+        if (c->body > pos)
+            return at + " falls inside the start line of the " +
+                   (c->item.kind == Kind::Record ? "record" : "banner") + " at offset " + std::to_string(q);
         Item probe;
         size_t msg = 0;
         if (c->item.kind == Kind::Record && c->body < pos && function_part(s, c->body, s.size(), probe, msg) &&
-            msg > pos) {
-            problems.push_back(at + " falls inside the function name and line of the record at offset " +
-                               std::to_string(q));
-            return problems;
-        }
+            msg > pos)
+            return at + " falls inside the function name and line of the record at offset " + std::to_string(q);
+    }
+    return {};
+}
+
+} // namespace
+
+std::vector<std::string> check(std::string_view s, const Log &log)
+{
+    std::vector<std::string> problems;
+    const size_t pos = static_cast<size_t>(log.header_position);
+    const std::string at = "the header's position " + std::to_string(pos);
+    if (std::string straddle = straddling_start(s, pos, at); !straddle.empty()) {
+        problems.push_back(straddle);
+        return problems;
     }
 
     if (pos == kHeaderSize) {

@@ -8,9 +8,31 @@
 
 #include "common/src/library_private.h"
 
+namespace {
+
+// A zero-filled record of the size set up for elements, or null.
+inline list_element *alloc_record_here()
+{
+    if (list_element_chunk < static_cast<int>(sizeof(list_element)))
+        return nullptr;
+    return static_cast<list_element *>(vobrel::detail::xos_alloc(list_element_chunk));
+}
+
+} // namespace
+
 namespace vobrel::detail {
 
 int list_header_chunk;
+
+list_element *list_alloc_record()
+{
+    return alloc_record_here();
+}
+
+void list_release_record(list_element *element)
+{
+    xos_release(element);
+}
 
 } // namespace vobrel::detail
 
@@ -38,13 +60,11 @@ bool full(const list_header *list)
     return list->maximum != 0 && list->count >= list->maximum;
 }
 
-// The common tail of enqueue and requeue: link after `previous` once every
-// check has passed; on failure an automatic list releases the record.
-boolean link_checked(list_header *list, list_element *element, void *data, bool at_tail)
+// Links `element`, the record itself (already allocated on an automatic list
+// that was given none), after the tail or before the head once every check
+// has passed; on failure an automatic list releases it.
+inline boolean link_record(list_header *list, list_element *element, void *data, bool at_tail)
 {
-    if (!list)
-        return FALSE;
-    element = list_malloc_element_body(list, element);
     if (!valid(list) || full(list) || !element || element->list) {
         list_free_element_body(list, element);
         return FALSE;
@@ -54,14 +74,40 @@ boolean link_checked(list_header *list, list_element *element, void *data, bool 
     return TRUE;
 }
 
-// Unlinks an element known to be on `list`, hands back its datum and, on an
-// automatic list, releases the record.
-void *unlink_done(list_header *list, list_element *element)
+// The automatic list's own paths, out of line and reached by tail calls: the
+// paths of a plain list then name no global and call no exported function
+// (no PIC set-up on 32-bit x86), and these cost a jump, not a call.
+[[gnu::noinline]] boolean link_new_record(list_header *list, void *data, bool at_tail)
+{
+    return link_record(list, alloc_record_here(), data, at_tail);
+}
+
+// Unlinks an element known to be on `list` and hands back its datum; the
+// record is released on an automatic list.
+template <bool Automatic> void *unlink_done(list_header *list, list_element *element)
 {
     list_remove_element_body(list, element);
     void *data = element->data;
-    list_free_element_body(list, element);
+    if constexpr (Automatic)
+        xos_release(element);
+    else
+        list_free_element_body(list, element);
     return data;
+}
+
+[[gnu::noinline]] void *dequeue_released(list_header *list)
+{
+    return unlink_done<true>(list, list->head);
+}
+
+// The common body of enqueue and requeue.
+boolean link_checked(list_header *list, list_element *element, void *data, bool at_tail)
+{
+    if (!list)
+        return FALSE;
+    if (!element && (list->flags & LIST_FLAGS_AUTOMATIC))
+        return link_new_record(list, data, at_tail);
+    return link_record(list, element, data, at_tail);
 }
 
 // Unregisters every header still on the registry so that a fresh registry
@@ -113,7 +159,9 @@ void *list_dequeue_default(list_header *list)
 {
     if (!list || !valid(list) || !list->head)
         return nullptr;
-    return unlink_done(list, list->head);
+    if (list->flags & LIST_FLAGS_AUTOMATIC)
+        return dequeue_released(list);
+    return unlink_done<false>(list, list->head);
 }
 
 boolean list_insert_default(list_header *list, list_element *element, void *data, list_insert_func_t func)
@@ -160,7 +208,7 @@ void *list_remove_default(list_header *list, list_element *element, void *data)
     }
     if (element->list != list)
         return nullptr;
-    return unlink_done(list, element);
+    return unlink_done<false>(list, element);
 }
 
 void *list_lookup_default(list_header *list, list_element *element, void *key, list_lookup_func_t func)
