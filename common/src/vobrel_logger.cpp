@@ -57,7 +57,10 @@ void logger_lock()
     // The library's bounded spin (library_private.h): sleeping on the
     // semaphore at every record halved the throughput of four logging threads.
     for (int i = 0; i < kSpinTries; ++i) {
-        if (sem_trywait(&logger_sem) == 0)
+        // Only a free-looking lock is tried: a failed try writes the
+        // semaphore's line and takes it away from the thread releasing it.
+        int value = 0;
+        if (sem_getvalue(&logger_sem, &value) == 0 && value > 0 && sem_trywait(&logger_sem) == 0)
             return;
         spin_pause();
     }
@@ -217,6 +220,32 @@ bool logger_init_locked()
     return true;
 }
 
+// "YYYY/MM/DD-hh:mm:ss" of `now`, local time, into `buf`.
+char *format_time(time_t now, char *buf, int len)
+{
+    struct tm tmv;
+    memset(&tmv, 0, sizeof tmv);
+    localtime_r(&now, &tmv);
+    snprintf(buf, len > 0 ? static_cast<size_t>(len) : 0, "%.4d/%.2d/%.2d-%.2d:%.2d:%.2d", tmv.tm_year + 1900,
+             tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour, tmv.tm_min, tmv.tm_sec);
+    return buf;
+}
+
+// With the lock held: the time stamp of a record, formatted once a second.
+// Formatting it for every record made the lock's hold a good part longer,
+// and four logging threads wait on that hold.
+const char *record_time()
+{
+    static time_t second = -1;
+    static char stamp[50];
+    const time_t now = time(nullptr);
+    if (now != second) {
+        format_time(now, stamp, sizeof stamp);
+        second = now;
+    }
+    return stamp;
+}
+
 } // namespace
 
 char *vobrel::detail::vob_mk_time_str(char *buf, int len)
@@ -224,12 +253,7 @@ char *vobrel::detail::vob_mk_time_str(char *buf, int len)
     time_t now = time(nullptr);
     if (!buf)
         return const_cast<char *>("Time error");
-    struct tm tmv;
-    memset(&tmv, 0, sizeof tmv);
-    localtime_r(&now, &tmv);
-    snprintf(buf, len > 0 ? static_cast<size_t>(len) : 0, "%.4d/%.2d/%.2d-%.2d:%.2d:%.2d", tmv.tm_year + 1900,
-             tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour, tmv.tm_min, tmv.tm_sec);
-    return buf;
+    return format_time(now, buf, len);
 }
 
 extern "C" int vobrel_write_to_log(const char *func, int lno, const char *fmt, ...)
@@ -248,19 +272,16 @@ extern "C" int vobrel_write_to_log(const char *func, int lno, const char *fmt, .
         return 0;
     }
 
-    char ts[50];
     if (log_pos >= log_file_size) {
         fseek(fp, kHeaderSize, SEEK_SET);
         log_pos = kHeaderSize;
         log_index = 0;
-        advance(fprintf(fp, "\n[QMT-VER-%s] HIT %d Limit, Wrapping up %s\n", ver_str, log_file_size,
-                        vob_mk_time_str(ts, sizeof ts)));
+        advance(fprintf(fp, "\n[QMT-VER-%s] HIT %d Limit, Wrapping up %s\n", ver_str, log_file_size, record_time()));
         flush();
     }
 
     uint32_t n = log_index++;
-    advance(fprintf(fp, "\n%s[%d]{%d}:", vob_mk_time_str(ts, sizeof ts), static_cast<int>(n),
-                    static_cast<int>(getpid())));
+    advance(fprintf(fp, "\n%s[%d]{%d}:", record_time(), static_cast<int>(n), static_cast<int>(getpid())));
     if (func)
         advance(fprintf(fp, "%s(%d): ", func, lno));
     va_list ap;
