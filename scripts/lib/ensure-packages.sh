@@ -40,6 +40,9 @@ ensure_packages() {
   fi
   # A mirror in the middle of a sync fails one index now and then; the
   # install below says whether what is needed could still be found.
-  "${sudo[@]}" apt-get update -qq || echo "=== apt-get update had errors; installing anyway" >&2
+  if ! "${sudo[@]}" apt-get update -qq; then
+    sleep 20
+    "${sudo[@]}" apt-get update -qq || echo "=== apt-get update had errors; installing anyway" >&2
+  fi
   "${sudo[@]}" apt-get install -y -qq "${missing[@]}" >/dev/null
 }
