@@ -210,12 +210,12 @@ TEST(LogFile, WriterArrivingDuringAFailingInitialisationDropsItsRecord)
 // VOBREL_CRASH_KILLS sets the number of kills (default 40).
 namespace {
 
-[[noreturn]] void write_until_killed(int seed)
+[[noreturn]] void write_until_killed(int run)
 {
     for (int t = 0; t < 4; ++t)
-        std::thread([t, seed] {
+        std::thread([t, run] {
             for (int i = 0;; ++i)
-                vobrel_write_to_log(nullptr, 0, "s%d-t%d-%d-%.*sEND", seed, t, i, (i * 7 + t) % 40, "xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx");
+                vobrel_write_to_log(nullptr, 0, "s%d-t%d-%d-%.*sEND", run, t, i, (i * 7 + t) % 40, "xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx");
         }).detach();
     pause();
     _exit(0);

@@ -108,8 +108,8 @@ def main(argv):
     pairs = read_pairs(argv[1])
     outdir = argv[2]
     results = []
-    for spec in argv[3:]:
-        arch, rundir = spec.split("=", 1)
+    for arg in argv[3:]:
+        arch, rundir = arg.split("=", 1)
         results.append((arch, rows_for(pairs, read_runs(rundir))))
     report = "\n".join(table(arch, rows) for arch, rows in results)
     with open(os.path.join(outdir, "report.md"), "w") as f:

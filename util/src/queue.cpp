@@ -5,7 +5,6 @@
 
 #include <pthread.h>
 
-#include "common/src/library_private.h"
 #include "util/src/queue_private.h"
 
 namespace vobrel::detail {
@@ -25,47 +24,23 @@ struct Said {
     const char *op;
 };
 
-Said said(QueueProblem what)
-{
-    switch (what) {
-    case QueueProblem::enqueue_linked:
-        return {&msg_SYS_LINKED, "enqueue"};
-    case QueueProblem::requeue_linked:
-        return {&msg_SYS_LINKED, "requeue"};
-    case QueueProblem::unqueue_notq:
-        return {&msg_SYS_NOTQ, "unqueue"};
-    case QueueProblem::swapqueue_notq:
-        return {&msg_SYS_NOTQ, "swapqueue"};
-    case QueueProblem::insqueue_linked:
-        return {&msg_SYS_LINKED, "insqueue"};
-    case QueueProblem::remqueue_linked:
-        return {&msg_SYS_LINKED, "remqueue"};
-    case QueueProblem::validqueue_bad:
-        return {&msg_SYS_LINKED, "validqueue"};
-    case QueueProblem::dequeue_count:
-        return {&msg_SYS_QCOUNT, "dequeue"};
-    case QueueProblem::unqueue_count:
-        return {&msg_SYS_QCOUNT, "unqueue"};
-    case QueueProblem::unqueuenext_count:
-        return {&msg_SYS_QCOUNT, "p_unqueuenext"};
-    case QueueProblem::remqueue_count:
-        return {&msg_SYS_QCOUNT, "remqueue"};
-    }
-    VOBREL_ASSERT(!"unknown queue problem");
-    return {&msg_SYS_LINKED, "queue"};
-}
+const Said said[] = {
+#define VOBREL_QUEUE_PROBLEM_SAID(name, msg, op) {&msg, op},
+    VOBREL_QUEUE_PROBLEMS(VOBREL_QUEUE_PROBLEM_SAID)
+#undef VOBREL_QUEUE_PROBLEM_SAID
+};
 
 } // namespace
 
 void queue_report(QueueCaller who, int lno, QueueProblem what, const void *a, const void *b)
 {
-    Said s = said(what);
+    const Said &s = said[static_cast<int>(what)];
     xos_errmsg(caller_names[static_cast<int>(who)], lno, s.msg, s.op, qaddr(a), qaddr(b));
 }
 
 void queue_repair_count(QueueCaller who, int lno, QueueProblem what, queuetype *q)
 {
-    Said s = said(what);
+    const Said &s = said[static_cast<int>(what)];
     xos_errmsg(caller_names[static_cast<int>(who)], lno, s.msg, s.op, qaddr(q), static_cast<int>(q->count));
     q->count = 0;
 }

@@ -59,19 +59,25 @@ enum class QueueCaller : unsigned char {
 #undef VOBREL_QUEUE_CALLER_ENUM
 };
 
-// Each problem is one catalogue message with one operation name in its text.
+// Each problem is one catalogue message with one operation name in its text:
+// (problem, message, operation).
+#define VOBREL_QUEUE_PROBLEMS(X)                                                                                       \
+    X(enqueue_linked, msg_SYS_LINKED, "enqueue")                                                                     \
+    X(requeue_linked, msg_SYS_LINKED, "requeue")                                                                     \
+    X(unqueue_notq, msg_SYS_NOTQ, "unqueue")                                                                         \
+    X(swapqueue_notq, msg_SYS_NOTQ, "swapqueue")                                                                     \
+    X(insqueue_linked, msg_SYS_LINKED, "insqueue")                                                                   \
+    X(remqueue_linked, msg_SYS_LINKED, "remqueue")                                                                   \
+    X(validqueue_bad, msg_SYS_LINKED, "validqueue")                                                                  \
+    X(dequeue_count, msg_SYS_QCOUNT, "dequeue")                                                                      \
+    X(unqueue_count, msg_SYS_QCOUNT, "unqueue")                                                                      \
+    X(unqueuenext_count, msg_SYS_QCOUNT, "p_unqueuenext")                                                            \
+    X(remqueue_count, msg_SYS_QCOUNT, "remqueue")
+
 enum class QueueProblem : unsigned char {
-    enqueue_linked,   // msg_SYS_LINKED, "enqueue"
-    requeue_linked,   // msg_SYS_LINKED, "requeue"
-    unqueue_notq,     // msg_SYS_NOTQ, "unqueue"
-    swapqueue_notq,   // msg_SYS_NOTQ, "swapqueue"
-    insqueue_linked,  // msg_SYS_LINKED, "insqueue"
-    remqueue_linked,  // msg_SYS_LINKED, "remqueue"
-    validqueue_bad,   // msg_SYS_LINKED, "validqueue"
-    dequeue_count,    // msg_SYS_QCOUNT, "dequeue"
-    unqueue_count,    // msg_SYS_QCOUNT, "unqueue"
-    unqueuenext_count, // msg_SYS_QCOUNT, "p_unqueuenext"
-    remqueue_count,   // msg_SYS_QCOUNT, "remqueue"
+#define VOBREL_QUEUE_PROBLEM_ENUM(name, msg, op) name,
+    VOBREL_QUEUE_PROBLEMS(VOBREL_QUEUE_PROBLEM_ENUM)
+#undef VOBREL_QUEUE_PROBLEM_ENUM
 };
 
 // Reports `what` about element `a` of queue `b` (queue.cpp).
