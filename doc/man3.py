@@ -190,10 +190,14 @@ def extract(page, out):
     if ".EX" not in lines or ".EE" not in lines:
         sys.exit(f"{page}: EXAMPLES has no .EX ... .EE program")
     body = lines[lines.index(".EX") + 1:lines.index(".EE")]
-    code = "\n".join(body).replace("\\-", "-").replace("\\e", "\\")
-    bad = re.findall(r"\\[^\\n\"'0abfrtv]", code)
+    raw = "\n".join(body)
+    bad = re.findall(r"\\[^e-]", raw)
     if bad:
         sys.exit(f"{page}: EXAMPLES uses roff escapes other than \\e and \\-: {bad}")
+    starts = [l for l in body if l.startswith((".", "'"))]
+    if starts:
+        sys.exit(f"{page}: EXAMPLES lines that roff takes for requests: {starts}")
+    code = raw.replace("\\-", "-").replace("\\e", "\\")
     with open(out, "w", encoding="utf-8") as f:
         f.write(code + "\n")
 
