@@ -178,7 +178,8 @@ def check_names(args):
     for name in sorted(exported - documented.keys()):
         missing.setdefault(owner.get(name, "no public header"), []).append(name)
     for header, names in sorted(missing.items()):
-        problems.append(f"exported without a page ({header}): {' '.join(names)}")
+        page = "vobrel_" + header[:-2] + ".3" if header.endswith(".h") else "a page"
+        problems.append(f"exported without a page ({header}, to be named in {page}): {' '.join(names)}")
     for name in sorted(documented.keys() - exported):
         problems.append(f"{documented[name]}.3 names {name}, which neither library exports")
     return problems
