@@ -146,6 +146,18 @@ def installed_pages(man3):
     return pages
 
 
+def man_finds(manpath, areas):
+    """`man 3 NAME` shows the area's page, through its compressed link page."""
+    problems = []
+    env = dict(os.environ, MANPATH=manpath, MANWIDTH="80", MAN_KEEP_FORMATTING="")
+    for area, text in sorted(areas.items()):
+        name = (name_line_names(text) or [area])[-1]
+        out = subprocess.run(["man", "3", name], env=env, capture_output=True, text=True)
+        if out.returncode != 0 or not out.stdout.startswith(area.upper() + "(3)"):
+            problems.append(f"man 3 {name} does not show {area}(3): {out.stderr.strip()}")
+    return problems
+
+
 def check_names(args):
     shutil.rmtree(args.prefix, ignore_errors=True)
     subprocess.run([args.cmake, "--install", args.build_dir, "--prefix", args.prefix],
@@ -167,6 +179,7 @@ def check_names(args):
             link = pages.get(name)
             if link is None or link.strip() != f".so man3/{area}.3":
                 problems.append(f"{name}: no link page man3/{name}.3 to {area}.3")
+    problems += man_finds(os.path.join(args.prefix, "share", "man"), areas)
     for name, text in sorted(pages.items()):
         if name not in areas and name not in documented:
             problems.append(f"{name}.3 ({text.strip()}) names no documented function")
