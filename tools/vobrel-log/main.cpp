@@ -266,8 +266,13 @@ constexpr off_t kMaxFile = 100000000;
 // move keeps the block, so they move with it.
 struct Bytes {
     Bytes() = default;
-    Bytes(Bytes &&o) noexcept { std::swap(data, o.data), std::swap(size, o.size); }
-    Bytes &operator=(Bytes &&o) noexcept { return std::swap(data, o.data), std::swap(size, o.size), *this; }
+    Bytes(Bytes &&o) noexcept { *this = std::move(o); }
+    Bytes &operator=(Bytes &&o) noexcept
+    {
+        std::swap(data, o.data);
+        std::swap(size, o.size);
+        return *this;
+    }
     ~Bytes() { free(data); }
     std::string_view view() const { return {data, size}; }
     char *data = nullptr;
