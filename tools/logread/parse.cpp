@@ -266,6 +266,33 @@ bool header_field(std::string_view f, int64_t &v)
     return true;
 }
 
+// The older region's items into `out` (see "The cut in the older region" and
+// "Overshoot"); out.limit is known by then.
+void read_older(std::string_view s, size_t pos, Log &out)
+{
+    Array<Candidate> older = candidates(s, pos, s.size());
+    size_t cut = s.size();
+    if (out.limit > 0) {
+        for (size_t i = 0; i < older.size(); ++i) {
+            if (older[i].item.offset >= static_cast<size_t>(out.limit)) {
+                cut = older[i].item.offset;
+                older.truncate(i);
+                break;
+            }
+        }
+    }
+    out.dropped = s.size() - cut;
+    if (older.empty()) {
+        if (older.failed())
+            out.items.fail();
+        out.skipped = cut - pos;
+    } else {
+        size_t a = anchor(older);
+        out.skipped = older[a].item.offset - pos;
+        emit(s, older, accept_chain(older, a), cut, out.items);
+    }
+}
+
 } // namespace
 
 const char *status_text(Status s)
@@ -314,27 +341,7 @@ Status parse(std::string_view s, Log &out)
             out.limit = first.limit;
     }
 
-    Array<Candidate> older = candidates(s, pos, s.size());
-    size_t cut = s.size();
-    if (out.limit > 0) {
-        for (size_t i = 0; i < older.size(); ++i) {
-            if (older[i].item.offset >= static_cast<size_t>(out.limit)) {
-                cut = older[i].item.offset;
-                older.truncate(i);
-                break;
-            }
-        }
-    }
-    out.dropped = s.size() - cut;
-    if (older.empty()) {
-        if (older.failed())
-            out.items.fail();
-        out.skipped = cut - pos;
-    } else {
-        size_t a = anchor(older);
-        out.skipped = older[a].item.offset - pos;
-        emit(s, older, accept_chain(older, a), cut, out.items);
-    }
+    read_older(s, pos, out);
     out.newer_first = out.items.size();
     emit(s, newer, newer_idx, pos, out.items);
     for (size_t i = out.newer_first; i < out.items.size(); ++i)

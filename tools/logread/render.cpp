@@ -103,6 +103,39 @@ void field(std::string &out, const char *name, const std::string &json_value)
     out += json_value;
 }
 
+// One byte below 0x80 of a JSON string.
+void json_byte(std::string &out, unsigned char c)
+{
+    switch (c) {
+    case '"':
+        out += "\\\"";
+        break;
+    case '\\':
+        out += "\\\\";
+        break;
+    case '\b':
+        out += "\\b";
+        break;
+    case '\f':
+        out += "\\f";
+        break;
+    case '\n':
+        out += "\\n";
+        break;
+    case '\r':
+        out += "\\r";
+        break;
+    case '\t':
+        out += "\\t";
+        break;
+    default:
+        if (c < 0x20 || c == 0x7f)
+            hex_byte(out, "\\u00", c);
+        else
+            out += static_cast<char>(c);
+    }
+}
+
 } // namespace
 
 std::string shown(std::string_view text)
@@ -143,35 +176,7 @@ std::string json_string(std::string_view s)
             i += n;
             continue;
         }
-        unsigned char c = static_cast<unsigned char>(s[i++]);
-        switch (c) {
-        case '"':
-            out += "\\\"";
-            break;
-        case '\\':
-            out += "\\\\";
-            break;
-        case '\b':
-            out += "\\b";
-            break;
-        case '\f':
-            out += "\\f";
-            break;
-        case '\n':
-            out += "\\n";
-            break;
-        case '\r':
-            out += "\\r";
-            break;
-        case '\t':
-            out += "\\t";
-            break;
-        default:
-            if (c < 0x20 || c == 0x7f)
-                hex_byte(out, "\\u00", c);
-            else
-                out += static_cast<char>(c);
-        }
+        json_byte(out, static_cast<unsigned char>(s[i++]));
     }
     out += '"';
     return out;

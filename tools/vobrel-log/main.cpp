@@ -85,12 +85,12 @@ const char kUsageText[] =
     "Banners show as lines starting with \"----\"; --grep and --pid hide them.\n"
     "\n"
     "Exit status: 0 success; 1 --check found a problem; 2 bad usage;\n"
-    "for one FILE: 3 FILE cannot be read (or memory ran out); 4 FILE is empty; 5 FILE is shorter than\n"
-    "the header; 6 the header is not two numbers; 7 the header's position is\n"
-    "outside the file; 8 FILE holds no log text;\n"
+    "for one FILE: 3 FILE cannot be read (or memory ran out); 4 FILE is empty;\n"
+    "5 FILE is shorter than the header; 6 the header is not two numbers; 7 the\n"
+    "header's position is outside the file; 8 FILE holds no log text;\n"
     "for several files or a STORE: 3 a STORE has no file; 9 some files could not\n"
-    "be read, were named on standard error and skipped, the rest was printed\n"
-    "(9 also comes before 1 with --check).\n";
+    "be read or were refused, were named on standard error and skipped, the rest\n"
+    "was printed (9 also comes before 1 with --check).\n";
 
 volatile sig_atomic_t g_stop = 0;
 sigset_t g_stop_signals; // SIGINT and SIGTERM
