@@ -1,9 +1,9 @@
 // libFuzzer target: the input is a log file. Every mode of vobrel-log runs on
 // it, and the parser's promises are checked: items lie inside the file in
-// reading order, JSON output is UTF-8 with no raw control bytes. The file and
-// an earlier, shorter state of it are merged as two processes' files; the
-// timeline is checked against a plain model (a stable sort by time stamp when
-// each file's stamps run forward).
+// reading order, JSON output is UTF-8 with no raw control characters. The
+// file and an earlier, shorter state of it are merged as two processes'
+// files; the timeline is checked against a plain model (a stable sort by time
+// stamp when each file's stamps run forward).
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -29,8 +29,10 @@ bool inside(std::string_view whole, std::string_view part)
 void json_is_clean(const std::string &j)
 {
     require(logread::valid_utf8(j));
-    for (size_t i = 0; i + 1 < j.size(); ++i)
-        require(static_cast<unsigned char>(j[i]) >= 0x20);
+    for (size_t i = 0; i + 1 < j.size(); ++i) { // no C0 nor C1 control character
+        auto c = [&](size_t k) { return static_cast<unsigned char>(j[k]); };
+        require(c(i) >= 0x20 && !(c(i) == 0xc2 && c(i + 1) < 0xa0));
+    }
 }
 
 void exercise(std::string_view bytes, const logread::Log &log)

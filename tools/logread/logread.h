@@ -56,13 +56,83 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <string>
 #include <string_view>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace logread {
 
 constexpr size_t kHeaderSize = 16;
+
+// A growable array on the C heap that reports a failed allocation instead of
+// throwing: a push that finds no memory leaves the array as it was and sets
+// failed() for good. What a file's size decides (its items) lives in these,
+// so that a file too big for the memory at hand is one bad file, not the end
+// of the program.
+template <typename T> class Array {
+    static_assert(std::is_trivially_copyable_v<T>);
+
+public:
+    Array() = default;
+    Array(Array &&o) noexcept { swap(o); }
+    Array &operator=(Array &&o) noexcept
+    {
+        Array gone(std::move(o));
+        swap(gone);
+        return *this;
+    }
+    Array(const Array &) = delete;
+    Array &operator=(const Array &) = delete;
+    ~Array() { free(p_); }
+
+    bool push_back(const T &v)
+    {
+        if (n_ == cap_ && !grow())
+            return false;
+        p_[n_++] = v;
+        return true;
+    }
+    void fail() { failed_ = true; }
+    void truncate(size_t n) { n_ = n < n_ ? n : n_; }
+    bool failed() const { return failed_; }
+    size_t size() const { return n_; }
+    bool empty() const { return n_ == 0; }
+    const T *data() const { return p_; }
+    const T *begin() const { return p_; }
+    const T *end() const { return p_ + n_; }
+    const T &operator[](size_t i) const { return p_[i]; }
+    T &operator[](size_t i) { return p_[i]; }
+    const T &front() const { return p_[0]; }
+    const T &back() const { return p_[n_ - 1]; }
+
+private:
+    bool grow()
+    {
+        size_t cap = cap_ ? cap_ * 2 : 4;
+        void *q = cap <= SIZE_MAX / sizeof(T) ? realloc(p_, cap * sizeof(T)) : nullptr;
+        if (!q) {
+            failed_ = true;
+            return false;
+        }
+        p_ = static_cast<T *>(q);
+        cap_ = cap;
+        return true;
+    }
+    void swap(Array &o) noexcept
+    {
+        std::swap(p_, o.p_);
+        std::swap(n_, o.n_);
+        std::swap(cap_, o.cap_);
+        std::swap(failed_, o.failed_);
+    }
+    T *p_ = nullptr;
+    size_t n_ = 0;
+    size_t cap_ = 0;
+    bool failed_ = false;
+};
 
 // Whole-file verdicts; anything but Ok means the file cannot be read in order.
 enum class Status {
@@ -72,6 +142,7 @@ enum class Status {
     HeaderNotNumbers, // a header field is not a "%8d" number
     PositionOutside,  // the header's position is below 16 or beyond the end
     NotALog,          // no banner or record starts at byte 16
+    NoMemory,         // not enough memory for its items (the file may be good)
 };
 
 // A sentence describing a non-Ok status (no file name, no full stop).
@@ -100,7 +171,7 @@ struct Log {
     int64_t header_position = 0;
     int64_t header_number = 0;
     size_t size = 0;
-    std::vector<Item> items; // reading order, oldest first
+    Array<Item> items;       // reading order, oldest first
     size_t newer_first = 0;  // index of the first item of the newer region
     size_t skipped = 0;      // bytes at the header position skipped as remains
     size_t dropped = 0;      // bytes at the end dropped as left from an older pass
@@ -124,7 +195,8 @@ Status parse(std::string_view bytes, Log &out);
 // each item running to the next one (or to `end`). Nothing else is read: not
 // the header, not the regions, and a record need not follow the one before
 // it. For looking at the text exactly as it was written, as a test does.
-std::vector<Item> scan(std::string_view bytes, size_t begin, size_t end);
+// Failed when memory ran out.
+Array<Item> scan(std::string_view bytes, size_t begin, size_t end);
 
 // What is wrong with the header against the text; empty when they agree.
 // `log` must come from parse(bytes) with status Ok.
@@ -146,9 +218,13 @@ std::string format_text(const Item &item, std::string_view process = {});
 // One JSON object on one line, ending in '\n'; a non-empty `process` is
 // given as the "process" field.
 std::string format_json(const Item &item, std::string_view process = {});
+// Text from a file or a file name for a terminal, on one line: control
+// characters other than tab (C1 ones included) and bytes that are not UTF-8
+// as \xNN, as in a message. Every file name the tool prints goes through it.
+std::string shown(std::string_view text);
 // A JSON string literal for arbitrary bytes: valid UTF-8 passes through,
-// control characters are escaped and each byte of an invalid sequence
-// becomes U+FFFD.
+// control characters (C1 ones included) are escaped and each byte of an
+// invalid sequence becomes U+FFFD.
 std::string json_string(std::string_view bytes);
 bool valid_utf8(std::string_view bytes);
 std::string base64(std::string_view bytes);
@@ -212,6 +288,7 @@ struct Entry {
 // list given first winning a tie. Every list keeps its order (the merge is
 // stable), so a list whose stamps go back, after the clock was set back,
 // holds its later items behind the one out of place rather than being split.
+// The lists' heads wait in a heap: n items of k lists take n log k steps.
 std::vector<Entry> merge(const std::vector<std::vector<const Item *>> &lists);
 
 } // namespace logread

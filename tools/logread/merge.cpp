@@ -1,6 +1,8 @@
 // Several files' items on one time line, and the time stamps that order it.
 #include "logread.h"
 
+#include <algorithm>
+
 namespace logread {
 namespace {
 
@@ -46,18 +48,29 @@ std::vector<Entry> merge(const std::vector<std::vector<const Item *>> &lists)
         total += l.size();
     std::vector<Entry> out;
     out.reserve(total);
-    std::vector<size_t> next(lists.size(), 0);
-    // A scan of the lists' heads per item: there is one list per process,
-    // a handful on a device.
-    while (out.size() < total) {
-        size_t best = lists.size();
-        for (size_t s = 0; s < lists.size(); ++s) {
-            if (next[s] == lists[s].size())
-                continue;
-            if (best == lists.size() || time_before(lists[s][next[s]]->time, lists[best][next[best]]->time))
-                best = s;
+    // A heap of the lists' heads, the earliest on top; a tie goes to the list
+    // given first, so each list keeps its order.
+    auto later = [](const Entry &a, const Entry &b) {
+        if (time_before(b.item->time, a.item->time))
+            return true;
+        return !time_before(a.item->time, b.item->time) && a.source > b.source;
+    };
+    std::vector<Entry> heads;
+    std::vector<size_t> next(lists.size(), 1);
+    for (size_t s = 0; s < lists.size(); ++s)
+        if (!lists[s].empty())
+            heads.push_back({lists[s][0], s});
+    std::make_heap(heads.begin(), heads.end(), later);
+    while (!heads.empty()) {
+        std::pop_heap(heads.begin(), heads.end(), later);
+        Entry &e = heads.back();
+        out.push_back(e);
+        if (next[e.source] == lists[e.source].size()) {
+            heads.pop_back();
+            continue;
         }
-        out.push_back({lists[best][next[best]++], best});
+        e.item = lists[e.source][next[e.source]++];
+        std::push_heap(heads.begin(), heads.end(), later);
     }
     return out;
 }

@@ -138,17 +138,17 @@ std::optional<Candidate> match(std::string_view s, size_t at, size_t end)
     return cand;
 }
 
-std::vector<Candidate> candidates(std::string_view s, size_t begin, size_t end)
+Array<Candidate> candidates(std::string_view s, size_t begin, size_t end)
 {
-    std::vector<Candidate> out;
+    Array<Candidate> out;
     size_t at = begin;
     while (at < end) {
         const void *p = memchr(s.data() + at, '\n', end - at);
         if (!p)
             break;
         size_t q = static_cast<size_t>(static_cast<const char *>(p) - s.data());
-        if (auto c = match(s, q, end))
-            out.push_back(*c);
+        if (auto c = match(s, q, end); c && !out.push_back(*c))
+            break;
         at = q + 1;
     }
     return out;
@@ -160,7 +160,7 @@ bool follows(int64_t prev, int64_t next)
     return static_cast<uint32_t>(prev + 1) == static_cast<uint32_t>(next);
 }
 
-bool is_record(const std::vector<Candidate> &c, size_t i)
+bool is_record(const Array<Candidate> &c, size_t i)
 {
     return i < c.size() && c[i].item.kind == Kind::Record;
 }
@@ -168,9 +168,9 @@ bool is_record(const std::vector<Candidate> &c, size_t i)
 // Candidates taken as items, from `from` on (see "Record boundaries").
 // `breaks` counts the records taken although they do not follow the one
 // before them.
-std::vector<size_t> accept_chain(const std::vector<Candidate> &c, size_t from, size_t *breaks = nullptr)
+Array<size_t> accept_chain(const Array<Candidate> &c, size_t from, size_t *breaks = nullptr)
 {
-    std::vector<size_t> out;
+    Array<size_t> out;
     const Item *prev = nullptr; // last record of the current run
     for (size_t i = from; i < c.size(); ++i) {
         const Item &it = c[i].item;
@@ -196,7 +196,7 @@ std::vector<size_t> accept_chain(const std::vector<Candidate> &c, size_t from, s
 
 // The first candidate of the older region that is not part of the remains of
 // an overwritten record: one from which the next record-shaped line continues.
-size_t anchor(const std::vector<Candidate> &c)
+size_t anchor(const Array<Candidate> &c)
 {
     for (size_t i = 0; i < c.size(); ++i) {
         if (c[i].item.kind != Kind::Record || !is_record(c, i + 1) || follows(c[i].item.number, c[i + 1].item.number))
@@ -225,9 +225,12 @@ bool function_part(std::string_view s, size_t body, size_t end, Item &it, size_t
     return true;
 }
 
-void emit(std::string_view s, const std::vector<Candidate> &c, const std::vector<size_t> &idx, size_t region_end,
-          std::vector<Item> &out)
+// A failed `c` or `idx` fails `out` too.
+void emit(std::string_view s, const Array<Candidate> &c, const Array<size_t> &idx, size_t region_end,
+          Array<Item> &out)
 {
+    if (c.failed() || idx.failed())
+        out.fail();
     for (size_t k = 0; k < idx.size(); ++k) {
         Item it = c[idx[k]].item;
         it.end = k + 1 < idx.size() ? c[idx[k + 1]].item.offset : region_end;
@@ -237,7 +240,8 @@ void emit(std::string_view s, const std::vector<Candidate> &c, const std::vector
         if (it.kind == Kind::Record)
             function_part(s, msg, it.end, it, msg);
         it.message = s.substr(msg, it.end - msg);
-        out.push_back(it);
+        if (!out.push_back(it))
+            return;
     }
 }
 
@@ -262,6 +266,33 @@ bool header_field(std::string_view f, int64_t &v)
     return true;
 }
 
+// The older region's items into `out` (see "The cut in the older region" and
+// "Overshoot"); out.limit is known by then.
+void read_older(std::string_view s, size_t pos, Log &out)
+{
+    Array<Candidate> older = candidates(s, pos, s.size());
+    size_t cut = s.size();
+    if (out.limit > 0) {
+        for (size_t i = 0; i < older.size(); ++i) {
+            if (older[i].item.offset >= static_cast<size_t>(out.limit)) {
+                cut = older[i].item.offset;
+                older.truncate(i);
+                break;
+            }
+        }
+    }
+    out.dropped = s.size() - cut;
+    if (older.empty()) {
+        if (older.failed())
+            out.items.fail();
+        out.skipped = cut - pos;
+    } else {
+        size_t a = anchor(older);
+        out.skipped = older[a].item.offset - pos;
+        emit(s, older, accept_chain(older, a), cut, out.items);
+    }
+}
+
 } // namespace
 
 const char *status_text(Status s)
@@ -279,6 +310,8 @@ const char *status_text(Status s)
         return "the header's position lies outside the text of the file";
     case Status::NotALog:
         return "no log text: byte 16 does not start a banner or a record";
+    case Status::NoMemory:
+        return "cannot read: not enough memory for its records";
     }
     return "unknown problem";
 }
@@ -300,51 +333,37 @@ Status parse(std::string_view s, Log &out)
         return Status::NotALog;
     size_t pos = static_cast<size_t>(out.header_position);
 
-    std::vector<Candidate> newer = candidates(s, kHeaderSize, pos);
-    std::vector<size_t> newer_idx = accept_chain(newer, 0, &out.breaks);
+    Array<Candidate> newer = candidates(s, kHeaderSize, pos);
+    Array<size_t> newer_idx = accept_chain(newer, 0, &out.breaks);
     if (!newer_idx.empty()) {
         const Item &first = newer[newer_idx[0]].item;
         if (first.kind == Kind::WrapBanner && first.offset == kHeaderSize && first.limit > 0)
             out.limit = first.limit;
     }
 
-    std::vector<Candidate> older = candidates(s, pos, s.size());
-    size_t cut = s.size();
-    if (out.limit > 0) {
-        for (size_t i = 0; i < older.size(); ++i) {
-            if (older[i].item.offset >= static_cast<size_t>(out.limit)) {
-                cut = older[i].item.offset;
-                older.resize(i);
-                break;
-            }
-        }
-    }
-    out.dropped = s.size() - cut;
-    if (older.empty()) {
-        out.skipped = cut - pos;
-    } else {
-        size_t a = anchor(older);
-        out.skipped = older[a].item.offset - pos;
-        emit(s, older, accept_chain(older, a), cut, out.items);
-    }
+    read_older(s, pos, out);
     out.newer_first = out.items.size();
     emit(s, newer, newer_idx, pos, out.items);
     for (size_t i = out.newer_first; i < out.items.size(); ++i)
         if (out.items[i].kind != Kind::Record && !out.items[i].message.empty())
             ++out.breaks;
-    return Status::Ok;
+    if (!out.items.failed())
+        return Status::Ok;
+    out.items = {};
+    return Status::NoMemory;
 }
 
-std::vector<Item> scan(std::string_view s, size_t begin, size_t end)
+Array<Item> scan(std::string_view s, size_t begin, size_t end)
 {
-    std::vector<Item> out;
+    Array<Item> out;
     end = end < s.size() ? end : s.size();
     if (begin >= end)
         return out;
-    std::vector<Candidate> c = candidates(s, begin, end);
-    std::vector<size_t> all(c.size());
-    for (size_t i = 0; i < all.size(); ++i)
-        all[i] = i;
+    Array<Candidate> c = candidates(s, begin, end);
+    Array<size_t> all;
+    for (size_t i = 0; i < c.size(); ++i)
+        if (!all.push_back(i))
+            break;
     emit(s, c, all, end, out);
     return out;
 }

@@ -43,6 +43,14 @@ size_t utf8_length(std::string_view s, size_t i)
     return n;
 }
 
+// Whether the sequence at s[i] is a C1 control character (U+0080 to U+009F),
+// which terminals obey like the C0 ones.
+bool is_c1(std::string_view s, size_t i)
+{
+    return static_cast<unsigned char>(s[i]) == 0xC2 && i + 1 < s.size() &&
+           static_cast<unsigned char>(s[i + 1]) < 0xA0;
+}
+
 void hex_byte(std::string &out, const char *prefix, unsigned char c)
 {
     char buf[12];
@@ -50,16 +58,16 @@ void hex_byte(std::string &out, const char *prefix, unsigned char c)
     out += buf;
 }
 
-// Text for a terminal: newlines start an indented continuation line; control
-// characters other than tab (C1 ones included, which terminals obey) and
-// bytes that are not UTF-8 become \xNN.
-void append_shown(std::string &out, std::string_view text)
+// Text for a terminal: control characters other than tab (C1 ones included)
+// and bytes that are not UTF-8 become \xNN; in a message, newlines start an
+// indented continuation line instead.
+void append_shown(std::string &out, std::string_view text, bool message = true)
 {
     for (size_t i = 0; i < text.size();) {
         unsigned char c = static_cast<unsigned char>(text[i]);
         size_t n = utf8_length(text, i);
         if (n > 1) {
-            bool c1 = c == 0xC2 && static_cast<unsigned char>(text[i + 1]) < 0xA0; // U+0080 to U+009F
+            bool c1 = is_c1(text, i);
             for (size_t k = 0; k < n; ++k) {
                 if (c1)
                     hex_byte(out, "\\x", static_cast<unsigned char>(text[i + k]));
@@ -69,7 +77,7 @@ void append_shown(std::string &out, std::string_view text)
             i += n;
             continue;
         }
-        if (c == '\n')
+        if (c == '\n' && message)
             out += "\n    ";
         else if (n == 0 || (c < 0x20 && c != '\t') || c == 0x7f)
             hex_byte(out, "\\x", c);
@@ -95,7 +103,47 @@ void field(std::string &out, const char *name, const std::string &json_value)
     out += json_value;
 }
 
+// One byte below 0x80 of a JSON string.
+void json_byte(std::string &out, unsigned char c)
+{
+    switch (c) {
+    case '"':
+        out += "\\\"";
+        break;
+    case '\\':
+        out += "\\\\";
+        break;
+    case '\b':
+        out += "\\b";
+        break;
+    case '\f':
+        out += "\\f";
+        break;
+    case '\n':
+        out += "\\n";
+        break;
+    case '\r':
+        out += "\\r";
+        break;
+    case '\t':
+        out += "\\t";
+        break;
+    default:
+        if (c < 0x20 || c == 0x7f)
+            hex_byte(out, "\\u00", c);
+        else
+            out += static_cast<char>(c);
+    }
+}
+
 } // namespace
+
+std::string shown(std::string_view text)
+{
+    std::string out;
+    append_shown(out, text, false);
+    return out;
+}
 
 bool valid_utf8(std::string_view s)
 {
@@ -118,40 +166,17 @@ std::string json_string(std::string_view s)
             ++i;
             continue;
         }
+        if (n == 2 && is_c1(s, i)) {
+            hex_byte(out, "\\u00", static_cast<unsigned char>(s[i + 1]));
+            i += 2;
+            continue;
+        }
         if (n > 1) {
             out.append(s, i, n);
             i += n;
             continue;
         }
-        unsigned char c = static_cast<unsigned char>(s[i++]);
-        switch (c) {
-        case '"':
-            out += "\\\"";
-            break;
-        case '\\':
-            out += "\\\\";
-            break;
-        case '\b':
-            out += "\\b";
-            break;
-        case '\f':
-            out += "\\f";
-            break;
-        case '\n':
-            out += "\\n";
-            break;
-        case '\r':
-            out += "\\r";
-            break;
-        case '\t':
-            out += "\\t";
-            break;
-        default:
-            if (c < 0x20 || c == 0x7f)
-                hex_byte(out, "\\u00", c);
-            else
-                out += static_cast<char>(c);
-        }
+        json_byte(out, static_cast<unsigned char>(s[i++]));
     }
     out += '"';
     return out;

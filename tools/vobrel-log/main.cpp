@@ -10,8 +10,9 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <getopt.h>
-#include <memory>
+#include <new>
 #include <poll.h>
+#include <set>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -49,6 +50,10 @@ const char kUsageText[] =
     "stamp (each file's records keep their order), every line starting with\n"
     "the process's short name: the part of the file name after STORE. or, for a\n"
     "file named alone, after its last '.'. One existing FILE prints unlabelled.\n"
+    "A STORE's files are read only when they are regular files with one name,\n"
+    "owned by the user or by root, and not symbolic links; other entries are\n"
+    "named on standard error and skipped. A file over 100000000 bytes (larger\n"
+    "than any log) is refused unread.\n"
     "\n"
     "  -f, --follow        keep printing records as they are written, across wraps,\n"
     "                      until interrupted (Ctrl-C, SIGTERM); a STORE's files\n"
@@ -80,18 +85,47 @@ const char kUsageText[] =
     "Banners show as lines starting with \"----\"; --grep and --pid hide them.\n"
     "\n"
     "Exit status: 0 success; 1 --check found a problem; 2 bad usage;\n"
-    "for one FILE: 3 FILE cannot be read; 4 FILE is empty; 5 FILE is shorter than\n"
-    "the header; 6 the header is not two numbers; 7 the header's position is\n"
-    "outside the file; 8 FILE holds no log text;\n"
+    "for one FILE: 3 FILE cannot be read (or memory ran out); 4 FILE is empty;\n"
+    "5 FILE is shorter than the header; 6 the header is not two numbers; 7 the\n"
+    "header's position is outside the file; 8 FILE holds no log text;\n"
     "for several files or a STORE: 3 a STORE has no file; 9 some files could not\n"
-    "be read, were named on standard error and skipped, the rest was printed\n"
-    "(9 also comes before 1 with --check).\n";
+    "be read or were refused, were named on standard error and skipped, the rest\n"
+    "was printed (9 also comes before 1 with --check).\n";
 
 volatile sig_atomic_t g_stop = 0;
+sigset_t g_stop_signals; // SIGINT and SIGTERM
 
 void on_stop(int)
 {
     g_stop = 1;
+}
+
+// Waits `ms`, or until a stop signal comes. The stop flag is tested with the
+// stop signals blocked and ppoll lets them through only while it waits, so
+// one that comes after the test is held and ends the wait at once.
+void pause_ms(int ms)
+{
+    sigset_t old, during;
+    sigprocmask(SIG_BLOCK, &g_stop_signals, &old);
+    during = old;
+    sigdelset(&during, SIGINT);
+    sigdelset(&during, SIGTERM);
+    const struct timespec wait = {ms / 1000, ms % 1000 * 1000000L};
+    if (!g_stop)
+        ppoll(nullptr, 0, &wait, &during);
+    sigprocmask(SIG_SETMASK, &old, nullptr);
+}
+
+// The files' items are kept in arrays that report a failed allocation, so a
+// file too big for the memory at hand is one bad file; what else is
+// allocated is small beside them. Should even that fail, the tool says so
+// and ends rather than abort.
+void out_of_memory()
+{
+    static const char kText[] = "vobrel-log: out of memory\n";
+    fflush(stdout);
+    (void)!write(2, kText, sizeof kText - 1);
+    _exit(kUnreadable);
 }
 
 struct Options {
@@ -120,7 +154,7 @@ bool parse_int(const char *s, int64_t min, int64_t max, int64_t &out)
 
 int usage_error(const std::string &what)
 {
-    fprintf(stderr, "vobrel-log: %s\nTry 'vobrel-log --help'.\n", what.c_str());
+    fprintf(stderr, "vobrel-log: %s\nTry 'vobrel-log --help'.\n", logread::shown(what).c_str());
     return kUsage;
 }
 
@@ -224,61 +258,102 @@ int parse_options(int argc, char **argv, Options &o)
     return check_combination(o);
 }
 
-// Log files stay below 100,000,000 bytes plus one record.
-constexpr off_t kMaxFile = 256L * 1024 * 1024;
+// A log's positions stay below 100,000,000 (the header's "%8d" fields), and
+// so does its size: the limit plus the longest record must stay below it.
+constexpr off_t kMaxFile = 100000000;
 
-// The items point into `bytes`, which therefore lives on the heap and moves
-// with the snapshot.
+// A file's bytes in one block of the C heap. The items point into it; a
+// move keeps the block, so they move with it.
+struct Bytes {
+    Bytes() = default;
+    Bytes(Bytes &&o) noexcept { *this = std::move(o); }
+    Bytes &operator=(Bytes &&o) noexcept
+    {
+        std::swap(data, o.data);
+        std::swap(size, o.size);
+        return *this;
+    }
+    ~Bytes() { free(data); }
+    std::string_view view() const { return {data, size}; }
+    char *data = nullptr;
+    size_t size = 0;
+};
+
 struct Snapshot {
-    std::unique_ptr<std::string> bytes = std::make_unique<std::string>();
+    Bytes bytes;
     logread::Log log;
     logread::Status status = logread::Status::Ok;
 };
 
-// Reads a regular file whole; never blocks on a FIFO or device.
-bool read_file(const char *path, std::string &out, std::string &err)
+// Opens a file to read: close-on-exec, never blocking on a FIFO or device,
+// and only if it is a regular file. A store's entry is not the caller's own
+// choice (a neighbour may plant anything in a shared directory): a link
+// there is not followed, and the file must have one name and belong to the
+// reader or to root. -1 with `err` set otherwise.
+int open_log(const char *path, bool in_store, struct stat &st, std::string &err)
 {
-    int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | (in_store ? O_NOFOLLOW : 0));
     if (fd < 0) {
-        err = strerror(errno);
-        return false;
+        err = in_store && errno == ELOOP ? "skipped: a symbolic link" : std::string("cannot read: ") + strerror(errno);
+        return -1;
     }
-    struct stat st;
-    bool ok = false;
-    if (fstat(fd, &st) != 0) {
-        err = strerror(errno);
-    } else if (!S_ISREG(st.st_mode)) {
-        err = S_ISDIR(st.st_mode) ? "is a directory" : "not a regular file";
-    } else if (st.st_size > kMaxFile) {
-        err = "too large to be a log file";
-    } else {
-        out.resize(static_cast<size_t>(st.st_size));
-        size_t got = 0;
-        ok = true;
-        while (got < out.size()) {
-            ssize_t n = read(fd, &out[got], out.size() - got);
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n < 0) {
-                err = strerror(errno);
-                ok = false;
-                break;
-            }
-            if (n == 0)
-                break;
-            got += static_cast<size_t>(n);
+    if (fstat(fd, &st) != 0)
+        err = std::string("cannot read: ") + strerror(errno);
+    else if (!S_ISREG(st.st_mode))
+        err = std::string(in_store ? "skipped: " : "cannot read: ") +
+              (S_ISDIR(st.st_mode) ? "is a directory" : "not a regular file");
+    else if (in_store && st.st_uid != geteuid() && st.st_uid != 0)
+        err = "skipped: owned by user " + std::to_string(st.st_uid) + ", neither you nor root";
+    else if (in_store && st.st_nlink != 1)
+        err = "skipped: a file with " + std::to_string(st.st_nlink) + " names";
+    else
+        return fd;
+    close(fd);
+    return -1;
+}
+
+bool read_all(int fd, Bytes &out, size_t size, std::string &err)
+{
+    while (out.size < size) {
+        ssize_t n = read(fd, out.data + out.size, size - out.size);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0) {
+            err = std::string("cannot read: ") + strerror(errno);
+            return false;
         }
-        out.resize(got);
+        if (n == 0)
+            break;
+        out.size += static_cast<size_t>(n);
     }
+    return true;
+}
+
+// Reads a file whole; one too big to be a log is refused before, and one
+// too big for the memory at hand is reported like a damaged one.
+bool read_file(const char *path, bool in_store, Bytes &out, std::string &err)
+{
+    struct stat st;
+    int fd = open_log(path, in_store, st, err);
+    if (fd < 0)
+        return false;
+    const size_t size = static_cast<size_t>(st.st_size);
+    bool ok = false;
+    if (st.st_size > kMaxFile)
+        err = "cannot read: " + std::to_string(st.st_size) + " bytes, too large to be a log file";
+    else if (!(out.data = static_cast<char *>(malloc(size ? size : 1))))
+        err = "cannot read: not enough memory for its " + std::to_string(size) + " bytes";
+    else
+        ok = read_all(fd, out, size, err);
     close(fd);
     return ok;
 }
 
-bool load(const char *path, Snapshot &s, std::string &err)
+bool load(const char *path, bool in_store, Snapshot &s, std::string &err)
 {
-    if (!read_file(path, *s.bytes, err))
+    if (!read_file(path, in_store, s.bytes, err))
         return false;
-    s.status = logread::parse(*s.bytes, s.log);
+    s.status = logread::parse(s.bytes.view(), s.log);
     return true;
 }
 
@@ -297,45 +372,24 @@ int exit_for(logread::Status st)
         return kPositionOutside;
     case logread::Status::NotALog:
         return kNotALog;
+    case logread::Status::NoMemory:
+        return kUnreadable;
     }
     return kNotALog;
 }
 
-// The header's bytes as text, control bytes shown as \xNN.
-std::string shown_header(const std::string &bytes)
-{
-    std::string out;
-    for (size_t i = 0; i < logread::kHeaderSize && i < bytes.size(); ++i) {
-        unsigned char c = static_cast<unsigned char>(bytes[i]);
-        if (c < 0x20 || c >= 0x7f || c == '"' || c == '\\') {
-            char buf[8];
-            snprintf(buf, sizeof buf, "\\x%02x", c);
-            out += buf;
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return out;
-}
-
-int report_bad_file(const char *path, const Snapshot &s)
+// Nothing of a file that is not recognised as a log is quoted (it may be
+// anyone's): sizes, and the position of a header that holds numbers.
+int report_bad_file(const std::string &path, const Snapshot &s)
 {
     std::string detail;
-    switch (s.status) {
-    case logread::Status::Short:
-        detail = " (" + std::to_string(s.bytes->size()) + " bytes)";
-        break;
-    case logread::Status::HeaderNotNumbers:
-        detail = " (it reads \"" + shown_header(*s.bytes) + "\")";
-        break;
-    case logread::Status::PositionOutside:
+    if (s.status == logread::Status::Short)
+        detail = " (" + std::to_string(s.log.size) + " bytes)";
+    if (s.status == logread::Status::PositionOutside)
         detail = " (position " + std::to_string(s.log.header_position) + ", text from 16 to " +
-                 std::to_string(s.bytes->size()) + ")";
-        break;
-    default:
-        break;
-    }
-    fprintf(stderr, "vobrel-log: %s: %s%s\n", path, logread::status_text(s.status), detail.c_str());
+                 std::to_string(s.log.size) + ")";
+    fprintf(stderr, "vobrel-log: %s: %s%s\n", logread::shown(path).c_str(), logread::status_text(s.status),
+            detail.c_str());
     return exit_for(s.status);
 }
 
@@ -353,36 +407,32 @@ struct Stamp {
     }
 };
 
-bool take_stamp(const char *path, Stamp &s)
+bool take_stamp(const char *path, bool in_store, Stamp &s, std::string &err)
 {
-    int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    struct stat st;
+    int fd = open_log(path, in_store, st, err);
     if (fd < 0)
         return false;
-    struct stat st;
-    bool ok = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
-    if (ok) {
-        char buf[logread::kHeaderSize];
-        ssize_t n = pread(fd, buf, sizeof buf, 0);
-        s.head.assign(buf, n > 0 ? static_cast<size_t>(n) : 0);
-        s.size = st.st_size;
-        s.mtime = st.st_mtim;
-        s.ino = st.st_ino;
-    }
+    char buf[logread::kHeaderSize];
+    ssize_t n = pread(fd, buf, sizeof buf, 0);
+    s.head.assign(buf, n > 0 ? static_cast<size_t>(n) : 0);
+    s.size = st.st_size;
+    s.mtime = st.st_mtim;
+    s.ino = st.st_ino;
     close(fd);
-    return ok;
-}
-
-void pause_ms(int ms)
-{
-    if (!g_stop)
-        poll(nullptr, 0, ms); // a signal ends it early
+    return true;
 }
 
 // A file of the timeline and what has been read of it.
 struct Source {
-    Source(std::string p, std::string n, const logread::Filter &f) : path(std::move(p)), name(std::move(n)), sel(f) {}
+    Source(std::string p, std::string n, bool s, const logread::Filter &f)
+        : path(std::move(p)), name(std::move(n)), in_store(s), sel(f)
+    {
+    }
     std::string path;
     std::string name; // the label; empty when one file is read alone
+    bool in_store;    // found in a STORE's directory, not named by the caller
+    bool noted = false; // a failed open was named on standard error
     Snapshot snap;    // the last good snapshot, when `have`
     bool have = false;
     logread::Selector sel;
@@ -394,6 +444,7 @@ struct Source {
 struct Timeline {
     std::vector<std::string> stores; // looked at again by --follow
     std::vector<Source> sources;
+    std::set<std::string> known; // the sources' paths
     bool alone = false; // one FILE: unlabelled, with its own exit statuses
 };
 
@@ -406,7 +457,8 @@ std::string short_name(const std::string &path)
     return dot == std::string::npos || dot + 1 == base.size() ? base : base.substr(dot + 1);
 }
 
-// The short names of the regular files "<store>.*", sorted.
+// The short names of the entries "<store>.*", sorted; what they are is
+// found out when they are opened.
 std::vector<std::string> store_names(const std::string &store)
 {
     size_t slash = store.rfind('/');
@@ -417,11 +469,9 @@ std::vector<std::string> store_names(const std::string &store)
     if (!d)
         return names;
     while (const dirent *e = readdir(d)) {
-        std::string n = e->d_name;
-        struct stat st;
-        if (n.size() > prefix.size() && n.compare(0, prefix.size(), prefix) == 0 &&
-            stat((store + "." + n.substr(prefix.size())).c_str(), &st) == 0 && S_ISREG(st.st_mode))
-            names.push_back(n.substr(prefix.size()));
+        std::string_view n = e->d_name;
+        if (n.size() > prefix.size() && n.starts_with(prefix))
+            names.emplace_back(n.substr(prefix.size()));
     }
     closedir(d);
     std::sort(names.begin(), names.end());
@@ -434,11 +484,8 @@ size_t add_store_files(Timeline &t, const std::string &store, const logread::Fil
     size_t added = 0;
     for (const std::string &name : store_names(store)) {
         std::string path = store + "." + name;
-        bool known = false;
-        for (const Source &s : t.sources)
-            known = known || s.path == path;
-        if (!known) {
-            t.sources.emplace_back(path, name, f);
+        if (t.known.insert(path).second) {
+            t.sources.emplace_back(path, name, true, f);
             ++added;
         }
     }
@@ -451,12 +498,15 @@ int gather(const Options &o, Timeline &t)
     for (const std::string &p : o.paths) {
         struct stat st;
         if (stat(p.c_str(), &st) == 0) {
-            t.sources.emplace_back(p, short_name(p), o.filter);
+            t.known.insert(p);
+            t.sources.emplace_back(p, short_name(p), false, o.filter);
             continue;
         }
         t.stores.push_back(p);
         if (add_store_files(t, p, o.filter) == 0) {
-            fprintf(stderr, "vobrel-log: %s: cannot read: no such file, nor any %s.* file\n", p.c_str(), p.c_str());
+            const std::string shown = logread::shown(p);
+            fprintf(stderr, "vobrel-log: %s: cannot read: no such file, nor any %s.* file\n", shown.c_str(),
+                    shown.c_str());
             return kUnreadable;
         }
     }
@@ -472,12 +522,15 @@ int load_all(Timeline &t, bool &skipped)
 {
     for (Source &s : t.sources) {
         std::string err;
-        if (!load(s.path.c_str(), s.snap, err)) {
-            fprintf(stderr, "vobrel-log: %s: cannot read: %s\n", s.path.c_str(), err.c_str());
+        if (!load(s.path.c_str(), s.in_store, s.snap, err)) {
+            fprintf(stderr, "vobrel-log: %s: %s\n", logread::shown(s.path).c_str(), err.c_str());
+            s.noted = true;
+            s.snap = Snapshot{}; // what was read of it goes at once
             if (t.alone)
                 return kUnreadable;
         } else if (s.snap.status != logread::Status::Ok) {
-            int rc = report_bad_file(s.path.c_str(), s.snap);
+            int rc = report_bad_file(s.path, s.snap);
+            s.snap = Snapshot{};
             if (t.alone)
                 return rc;
         } else {
@@ -501,8 +554,9 @@ void print(const std::vector<logread::Entry> &entries, const Timeline &t, bool j
 int run_check(const Source &src)
 {
     const Snapshot &s = src.snap;
-    const char *path = src.path.c_str();
-    std::vector<std::string> problems = logread::check(*s.bytes, s.log);
+    const std::string shown = logread::shown(src.path);
+    const char *path = shown.c_str();
+    std::vector<std::string> problems = logread::check(s.bytes.view(), s.log);
     size_t records = 0;
     for (const logread::Item &it : s.log.items)
         records += it.kind == logread::Kind::Record;
@@ -522,14 +576,14 @@ void settle(Timeline &t, int interval_ms)
     for (int tries = 0; tries < 5 && !g_stop; ++tries) {
         bool all = true;
         for (const Source &s : t.sources)
-            all = all && (!s.have || logread::settled(*s.snap.bytes, s.snap.log));
+            all = all && (!s.have || logread::settled(s.snap.bytes.view(), s.snap.log));
         if (all)
             return;
         pause_ms(interval_ms);
         for (Source &s : t.sources) {
             Snapshot again;
             std::string err;
-            if (s.have && load(s.path.c_str(), again, err) && again.status == logread::Status::Ok)
+            if (s.have && load(s.path.c_str(), s.in_store, again, err) && again.status == logread::Status::Ok)
                 s.snap = std::move(again);
         }
     }
@@ -561,13 +615,19 @@ std::vector<const logread::Item *> poll_source(Source &src)
     Stamp now;
     Snapshot cur;
     std::string err;
-    if (!take_stamp(src.path.c_str(), now) || now == src.last)
+    if (!take_stamp(src.path.c_str(), src.in_store, now, err)) {
+        if (!src.noted) // once: a planted entry stays what it is
+            fprintf(stderr, "vobrel-log: %s: %s\n", logread::shown(src.path).c_str(), err.c_str());
+        src.noted = true;
         return {};
-    if (!load(src.path.c_str(), cur, err) || cur.status != logread::Status::Ok) {
+    }
+    if (now == src.last)
+        return {};
+    if (!load(src.path.c_str(), src.in_store, cur, err) || cur.status != logread::Status::Ok) {
         src.last = now;
         return {};
     }
-    if (!logread::settled(*cur.bytes, cur.log) && !(src.have_waiting && now == src.waiting)) {
+    if (!logread::settled(cur.bytes.view(), cur.log) && !(src.have_waiting && now == src.waiting)) {
         src.waiting = now;
         src.have_waiting = true;
         return {};
@@ -579,11 +639,12 @@ std::vector<const logread::Item *> poll_source(Source &src)
         fresh = src.sel.first(logread::all_items(cur.log));
     } else {
         bool lost = false;
-        fresh = src.sel.next(logread::fresh_items(*src.snap.bytes, src.snap.log, *cur.bytes, cur.log, &lost));
+        fresh = src.sel.next(
+            logread::fresh_items(src.snap.bytes.view(), src.snap.log, cur.bytes.view(), cur.log, &lost));
         if (lost) {
             fflush(stdout);
             fprintf(stderr, "vobrel-log: %s: the log wrapped and overwrote records before they could be read\n",
-                    src.path.c_str());
+                    logread::shown(src.path).c_str());
         }
     }
     src.snap = std::move(cur); // the items move with it
@@ -613,12 +674,16 @@ void catch_stop_signals()
     sa.sa_handler = on_stop; // no SA_RESTART: a wait ends at once
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
+    sigemptyset(&g_stop_signals);
+    sigaddset(&g_stop_signals, SIGINT);
+    sigaddset(&g_stop_signals, SIGTERM);
 }
 
 } // namespace
 
 int main(int argc, char **argv)
 {
+    std::set_new_handler(out_of_memory);
     Options o;
     int rc = parse_options(argc, argv, o);
     if (rc >= 0)
