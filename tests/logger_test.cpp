@@ -3,10 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <climits>
 #include <csignal>
 #include <cstring>
 #include <fstream>
+#include <iomanip>
 #include <cstdlib>
+#include <fcntl.h>
+#include <functional>
 #include <pthread.h>
 #include <set>
 #include <thread>
@@ -28,7 +32,16 @@ static const char kBanner[] = "\n[QMT-VER-1.2.1 Build 0] Logger initialized ";
 
 TEST(LogFile, FirstCallCreatesHeaderBannerAndRecordZero)
 {
+    umask(0); // the new file is the owner's and its group's all the same
     EXPECT_EQ(vobrel_write_to_log(nullptr, 0, "hello %d\n", 5), 0);
+    struct stat log_st, st;
+    ASSERT_EQ(stat(fake::log_path().c_str(), &log_st), 0);
+    EXPECT_EQ(log_st.st_mode & 07777, 0640u);
+    std::vector<int> flags; // of the log's descriptors: one, closed on exec
+    for (int fd = 0; fd < 1024; ++fd)
+        if (fstat(fd, &st) == 0 && st.st_ino == log_st.st_ino && st.st_dev == log_st.st_dev)
+            flags.push_back(fcntl(fd, F_GETFD));
+    EXPECT_EQ(flags, std::vector<int>{FD_CLOEXEC});
     vobrel_write_to_log("my_func", 42, "second %s", "text");
     const std::string s = fake::read_log();
     EXPECT_EQ(s.substr(16, strlen(kBanner)), kBanner);
@@ -42,14 +55,17 @@ TEST(LogFile, FirstCallCreatesHeaderBannerAndRecordZero)
 
 TEST(LogFile, ReopenCarriesOnFromTheHeaderOrRestartsAtSixteen)
 {
-    // A usable position is carried on from; position 0, one at or beyond the
-    // limit, an empty file or a header that is no number restart at byte 16.
+    // A usable position is carried on from; a position below 16 (0, negative,
+    // inside the header), one at or beyond the limit, an empty file or a header
+    // that is no number restart at byte 16.
     // The record number is kept either way. The header is "%8d%8d": position, number.
     struct Case { std::string bytes; size_t banner_at; int number; };
     const Case cases[] = {{"     500       7" + std::string(484, 'o'), 500, 7},
                           {"       0       9" + std::string(100, 'z'), 16, 9},
                           {"    4000       3" + std::string(5000, 'z'), 16, 3},
                           {"    5000       3" + std::string(5000, 'z'), 16, 3},
+                          {"-9999999       4" + std::string(100, 'z'), 16, 4},
+                          {"       8       5" + std::string(100, 'z'), 16, 5},
                           {"", 16, 0},
                           {"garbage!garbage!tail", 16, 0}};
     fake::set_log_file_size(4000);
@@ -70,6 +86,46 @@ TEST(LogFile, ReopenCarriesOnFromTheHeaderOrRestartsAtSixteen)
             << "case " << &c - cases;
 }
 
+// What a neighbour may put at the log's path in a directory that others may
+// write: nothing is written through it or created for it, the call returns at
+// once, and the system log hears of it once.
+TEST(LogFile, PlantedFilesAreRefusedAndSaidOnce)
+{
+    const std::string store = fake::log_dir() + "/shared", path = store + "/vobrel.log." + vob_proc_name,
+                      victim = fake::log_dir() + "/victim", nowhere = store + "/nowhere";
+    ASSERT_TRUE(mkdir(store.c_str(), 01777) == 0 && chmod(store.c_str(), 01777) == 0 &&
+                chmod(fake::log_dir().c_str(), 0711) == 0);
+    fake::set_log_store_path(store + "/vobrel.log");
+    const std::string as_nobody = "setpriv --reuid=65534 --regid=65534 --clear-groups sh -c 'umask 0; : >" + path + "'";
+    struct Plant { const char *why; std::function<int()> make; };
+    const Plant plants[] = {{"a symbolic link", [&] { return symlink(victim.c_str(), path.c_str()); }},
+                            {"a symbolic link", [&] { return symlink(nowhere.c_str(), path.c_str()); }},
+                            {"not a regular file", [&] { return mkfifo(path.c_str(), 0666); }},
+                            {"it has other names (hard links)", [&] { return link(victim.c_str(), path.c_str()); }},
+                            {"owned by another user", [&] { return system(as_nobody.c_str()); }}};
+    for (const Plant &p : plants) {
+        if (&p == plants + 4 && getuid() != 0)
+            GTEST_SKIP() << "not root: no file of another user can be planted";
+        std::ofstream(victim) << "secret";
+        unlink(path.c_str());
+        ASSERT_EQ(p.make(), 0) << p.why;
+        EXPECT_EXIT(
+            {
+                alarm(2);
+                vobrel_write_to_log(nullptr, 0, "one");
+                vobrel_write_to_log(nullptr, 0, "two");
+                std::ifstream v(victim);
+                const bool ok = std::string(std::istreambuf_iterator<char>(v), {}) == "secret" &&
+                                access(nowhere.c_str(), F_OK) != 0 &&
+                                fake::take_syslog_texts() ==
+                                    Lines{"%SYS-3-LOGFILE:Log file " + path + " refused: " + p.why};
+                _exit(ok ? 0 : 1);
+            },
+            testing::ExitedWithCode(0), "")
+            << p.why;
+    }
+}
+
 TEST(LogFile, WrapsAtLimitWithBannerAndNumberZero)
 {
     fake::set_log_file_size(1000);
@@ -85,6 +141,39 @@ TEST(LogFile, WrapsAtLimitWithBannerAndNumberZero)
     const size_t pos = static_cast<size_t>(fake::log_header_pos());
     EXPECT_EQ(s.size(), before.size());
     EXPECT_EQ(s.substr(pos), before.substr(pos));
+}
+
+// Positions and numbers keep to the header's 8 digits: a larger limit from the
+// platform is lowered to VOBREL_LOG_SIZE_MAX and a record is cut at
+// VOBREL_LOG_RECORD_MAX, so one begun just below the limit still ends below
+// 100,000,000; a number past 99999999 wraps.
+TEST(LogFile, PositionsAndNumbersKeepToEightDigits)
+{
+    const int start = VOBREL_LOG_SIZE_MAX - 100, end = start + static_cast<int>(strlen(kBanner)) + 19 +
+                                                       VOBREL_LOG_RECORD_MAX;
+    EXPECT_EXIT(
+        {
+            fake::set_log_file_size(INT_MAX);
+            std::ofstream(fake::log_path(), std::ios::binary) << std::setw(8) << start << "       7";
+            vobrel_write_to_log(nullptr, 0, "%s", std::string(VOBREL_LOG_RECORD_MAX, 'x').c_str());
+            char h[17] = {}; // the header alone: the file is large (and sparse)
+            std::ifstream(fake::log_path(), std::ios::binary).read(h, 16);
+            struct stat st;
+            _exit(log_file_size == VOBREL_LOG_SIZE_MAX && stat(fake::log_path().c_str(), &st) == 0 &&
+                          st.st_size == end && std::string(h) == std::to_string(end) + "       7"
+                      ? 0
+                      : 1);
+        },
+        testing::ExitedWithCode(0), "");
+    std::ofstream(fake::log_path(), std::ios::binary) << "     50099999998" << std::string(484, 'o');
+    for (const char *m : {"a", "b", "c"})
+        vobrel_write_to_log(nullptr, 0, "%s", m);
+    const std::string s = fake::read_log();
+    EXPECT_EQ(s.substr(16, s.find("HIT") - 16), "\n[QMT-VER-1.2.1 Build 0] ");
+    const auto recs = fake::log_records(); // c, then what is left before it: a and b
+    ASSERT_EQ(recs.size(), 3u);
+    EXPECT_TRUE(recs[0].message[0] == 'c' && recs[1].number == 99999998 && recs[2].number == 99999999);
+    EXPECT_EQ(fake::log_header_number(), 0);
 }
 
 TEST(LogFile, FailedInitialisationDropsRecordsAndRetriesEveryCall)
@@ -119,23 +208,38 @@ TEST(LogFile, FailedInitialisationDropsRecordsAndRetriesEveryCall)
     EXPECT_EQ(fake::log_messages(), Lines{"kept"});
 }
 
+// Writers of one file lose no record and never share a number: four threads in
+// each of two processes (same store, same name; the child forked after the
+// parent opened the file). The header names the end and number of the newest.
 TEST(LogFile, ConcurrentWritersLoseNothingAndNeverShareANumber)
 {
-    constexpr int kThreads = 8, kEach = 150;
+    constexpr int kThreads = 4, kEach = 150;
+    vobrel_write_to_log(nullptr, 0, "start");
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
     std::vector<std::thread> ts;
     for (int t = 0; t < kThreads; ++t)
-        ts.emplace_back([t] {
+        ts.emplace_back([t, child] {
             for (int i = 0; i < kEach; ++i)
-                vobrel_write_to_log(nullptr, 0, "t%d-%d", t, i);
+                vobrel_write_to_log(nullptr, 0, "%c%d-%d", child ? 'p' : 'c', t, i);
         });
     for (auto &t : ts)
         t.join();
+    if (child == 0)
+        _exit(0);
+    waitpid(child, nullptr, 0);
     const auto recs = fake::log_records();
-    ASSERT_EQ(recs.size(), static_cast<size_t>(kThreads * kEach));
-    std::set<std::string> seen; // in file order, no gaps, no message twice
-    for (size_t i = 0; i < recs.size(); ++i)
-        EXPECT_TRUE(recs[i].number == static_cast<int>(i) && seen.insert(recs[i].message).second) << i;
-    EXPECT_EQ(fake::log_header_number(), kThreads * kEach - 1);
+    ASSERT_EQ(recs.size(), 2u * kThreads * kEach + 1);
+    // In file order, numbered one by one, no message twice; a process that
+    // opens the file numbers its first record as the header did.
+    std::set<std::string> seen;
+    int repeated = 0;
+    for (size_t i = 0; i < recs.size(); ++i) {
+        repeated += i > 0 && recs[i].number == recs[i - 1].number;
+        EXPECT_TRUE(seen.insert(recs[i].message).second && (i == 0 || recs[i].number - recs[i - 1].number <= 1)) << i;
+    }
+    EXPECT_EQ(repeated, 1);
+    EXPECT_EQ(fake::log_header_number(), recs.back().number);
     EXPECT_EQ(fake::log_header_pos(), static_cast<int>(fake::read_log().size()));
 }
 
