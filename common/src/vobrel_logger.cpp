@@ -120,7 +120,7 @@ void file_unlock()
 void write_header(long pos, uint32_t number)
 {
     VOBREL_ASSERT(pos <= kHeaderMax && static_cast<int>(number) <= kHeaderMax);
-    char hdr[kHeaderSize + 1];
+    char hdr[32]; // room for any int; only the 16 header bytes ever go out
     snprintf(hdr, sizeof hdr, "%8d%8d", static_cast<int>(pos), static_cast<int>(number));
     memcpy(log_header, hdr, kHeaderSize);
     if (pwrite(log_fd, hdr, kHeaderSize, 0) < 0) {
