@@ -51,6 +51,10 @@ TEST(LogFile, FirstCallCreatesHeaderBannerAndRecordZero)
     EXPECT_EQ(fake::log_messages(), (Lines{"hello 5\n", "my_func(42): second text"}));
     EXPECT_EQ(fake::log_header_pos(), static_cast<int>(s.size()));
     EXPECT_EQ(fake::log_header_number(), 1);
+    // The time stamp's limits; its full format is checked by every record parsed.
+    char buf[10];
+    EXPECT_STREQ(vob_mk_time_str(nullptr, 50), "Time error");
+    EXPECT_TRUE(strlen(vob_mk_time_str(buf, sizeof buf)) == 9 && buf[4] == '/') << buf;
 }
 
 TEST(LogFile, ReopenCarriesOnFromTheHeaderOrRestartsAtSixteen)
@@ -178,27 +182,22 @@ TEST(LogFile, PositionsAndNumbersKeepToEightDigits)
 
 TEST(LogFile, FailedInitialisationDropsRecordsAndRetriesEveryCall)
 {
+    // Each failure is set, one record lost, and the failure undone.
+    const std::function<void(bool)> failures[] = {
+        [](bool on) { fake::set_log_store_status(1, on ? VOBREL_PLATFORM_NOT_INITED : VOBREL_PLATFORM_OK); },
+        [](bool on) { fake::set_log_store_len(on ? -4 : 0); },
+        [](bool on) { fake::set_log_store_status(2, on ? VOBREL_PLATFORM_INIT_FAILED : VOBREL_PLATFORM_OK); },
+        [](bool on) { fake::set_log_file_size(on ? -1 : 0); },
+        [](bool on) { on ? allocfail::fail_nth(0) : allocfail::reset(); }, // no memory for the path
+        [](bool on) { on ? allocfail::fail_nth(1) : allocfail::reset(); }, // nor for the file name
+        [](bool on) { fake::set_log_store_path(on ? fake::log_dir() + "/no/such/dir/app.log" : ""); }, // silent
+    };
     testing::internal::CaptureStdout();
-    fake::set_log_store_status(1, VOBREL_PLATFORM_NOT_INITED);
-    EXPECT_EQ(vobrel_write_to_log(nullptr, 0, "lost 1"), 0);
-    fake::set_log_store_status(1, VOBREL_PLATFORM_OK);
-    fake::set_log_store_len(-4);
-    vobrel_write_to_log(nullptr, 0, "lost 2");
-    fake::set_log_store_len(0);
-    fake::set_log_store_status(2, VOBREL_PLATFORM_INIT_FAILED);
-    vobrel_write_to_log(nullptr, 0, "lost 3");
-    fake::set_log_store_status(2, VOBREL_PLATFORM_OK);
-    fake::set_log_file_size(-1);
-    vobrel_write_to_log(nullptr, 0, "lost 4");
-    fake::set_log_file_size(0);
-    allocfail::fail_nth(0); // no memory for the path, then for the file name
-    vobrel_write_to_log(nullptr, 0, "lost 5");
-    allocfail::fail_nth(1);
-    vobrel_write_to_log(nullptr, 0, "lost 6");
-    allocfail::reset();
-    fake::set_log_store_path(fake::log_dir() + "/no/such/dir/app.log"); // fails silently
-    vobrel_write_to_log(nullptr, 0, "lost 7");
-    fake::set_log_store_path("");
+    for (const auto &failure : failures) {
+        failure(true);
+        EXPECT_EQ(vobrel_write_to_log(nullptr, 0, "lost"), 0);
+        failure(false);
+    }
     vobrel_write_to_log(nullptr, 0, "kept");
     const std::string path = "vobrel_platform_get_log_store_path() failed with error code ",
                       store = "Platform get log store failed with ", no_memory = store + "memory allocation failure\n";
@@ -252,59 +251,44 @@ static void slow_store()
         usleep(1000);
 }
 
-TEST(LogFile, WriterWaitingDuringInitialisationSurvivesSignals)
+TEST(LogFile, WriterArrivingDuringInitialisationWaitsForItThroughSignals)
 {
-    // A second writer arrives while the first is still initialising and is
-    // interrupted by signals while it waits: it must neither initialise again
-    // nor write without the lock, and its record must not be lost.
+    // A second writer arrives while the first is still initialising (the
+    // platform answers after a pause) and is interrupted by signals while it
+    // waits: it neither initialises again nor writes without the lock. When
+    // that initialisation fails it drops its record (one platform call, one
+    // failure line); the next call retries, and then its record follows.
     struct sigaction sa = {};
     sa.sa_handler = [](int) {}; // no SA_RESTART: waits see EINTR
     sigaction(SIGUSR1, &sa, nullptr);
-    fake::set_log_store_hook(slow_store);
-    std::thread first([] { vobrel_write_to_log(nullptr, 0, "first"); });
-    while (!init_entered)
-        usleep(1000);
-    fake::set_log_store_hook(nullptr);
-    std::atomic<bool> second_done{false};
-    std::thread second([&] {
-        vobrel_write_to_log(nullptr, 0, "second");
-        second_done = true;
-    });
-    usleep(20000);
-    for (int i = 0; i < 20 && !second_done; ++i) {
-        pthread_kill(second.native_handle(), SIGUSR1);
-        usleep(2000);
-    }
-    init_release = true;
-    first.join();
-    second.join();
-    EXPECT_EQ(fake::log_messages(), (Lines{"first", "second"}));
-    EXPECT_EQ(fake::log_store_calls(), 2); // initialised once
-}
-
-TEST(LogFile, WriterArrivingDuringAFailingInitialisationDropsItsRecord)
-{
-    // The platform fails after a pause; a writer that arrives meanwhile waits
-    // for that initialisation, finds no file and drops its record: one
-    // platform call and one failure line, not two.
     testing::internal::CaptureStdout();
-    fake::set_log_store_status(1, VOBREL_PLATFORM_NOT_INITED);
-    fake::set_log_store_hook(slow_store);
-    std::thread first([] { vobrel_write_to_log(nullptr, 0, "first"); });
-    while (!init_entered)
-        usleep(1000);
-    fake::set_log_store_hook(nullptr);
-    std::thread second([] { vobrel_write_to_log(nullptr, 0, "second"); });
-    usleep(20000);
-    init_release = true;
-    first.join();
-    second.join();
-    EXPECT_EQ(fake::log_store_calls(), 1);
+    for (const bool fails : {true, false}) {
+        init_entered = init_release = false;
+        fake::set_log_store_status(1, fails ? VOBREL_PLATFORM_NOT_INITED : VOBREL_PLATFORM_OK);
+        fake::set_log_store_hook(slow_store);
+        const int calls = fake::log_store_calls();
+        std::thread first([] { vobrel_write_to_log(nullptr, 0, "first"); });
+        while (!init_entered)
+            usleep(1000);
+        fake::set_log_store_hook(nullptr);
+        std::atomic<bool> second_done{false};
+        std::thread second([&] {
+            vobrel_write_to_log(nullptr, 0, "second");
+            second_done = true;
+        });
+        usleep(20000);
+        for (int i = 0; i < 20 && !second_done; ++i) {
+            pthread_kill(second.native_handle(), SIGUSR1);
+            usleep(2000);
+        }
+        init_release = true;
+        first.join();
+        second.join();
+        EXPECT_EQ(fake::log_store_calls() - calls, fails ? 1 : 2) << fails; // initialised once
+        EXPECT_EQ(fake::log_messages(), fails ? Lines{} : (Lines{"first", "second"}));
+    }
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "vobrel_platform_get_log_store_path() failed with error code 3 path len 0\n");
-    fake::set_log_store_status(1, VOBREL_PLATFORM_OK); // the next call retries
-    vobrel_write_to_log(nullptr, 0, "third");
-    EXPECT_EQ(fake::log_messages(), Lines{"third"});
 }
 
 // A child process writes from four threads until it is killed (SIGKILL, at a
@@ -402,13 +386,4 @@ TEST(LogFile, FullFileSystemDropsRecordsAndCarriesOnWhenRoomReturns)
     const std::string s((std::istreambuf_iterator<char>(f)), {});
     umount2(dir.c_str(), MNT_DETACH);
     EXPECT_NE(s.find("}:after 2"), std::string::npos) << s;
-}
-
-TEST(LogFile, TimeStampLimits)
-{
-    // The full format is checked by every record the tests parse.
-    EXPECT_STREQ(vob_mk_time_str(nullptr, 50), "Time error");
-    char buf[10];
-    vob_mk_time_str(buf, sizeof buf);
-    EXPECT_TRUE(strlen(buf) == 9 && buf[4] == '/') << buf;
 }
