@@ -115,13 +115,44 @@ void file_unlock()
     flock(log_fd, LOCK_UN);
 }
 
+// The decimal text of v at out, a minus sign first when negative; returns its
+// length (at most 11). A record's numbers and its header are written with
+// this rather than a formatted print, which took a tenth of a record's time.
+size_t put_int(char *out, int v)
+{
+    char digits[12];
+    size_t n = 0, len = 0;
+    unsigned u = v < 0 ? 0U - static_cast<unsigned>(v) : static_cast<unsigned>(v);
+    do {
+        digits[n++] = static_cast<char>('0' + u % 10);
+        u /= 10;
+    } while (u != 0);
+    if (v < 0)
+        out[len++] = '-';
+    while (n > 0)
+        out[len++] = digits[--n];
+    return len;
+}
+
+// "%8d" of v into out[0..8); v has at most 8 characters (the guards on
+// positions and numbers see to it).
+void put_field(char *out, int v)
+{
+    char text[12];
+    size_t n = put_int(text, v);
+    VOBREL_ASSERT(n <= 8);
+    n = n < 8 ? n : 8;
+    memset(out, ' ', 8 - n);
+    memcpy(out + 8 - n, text, n);
+}
+
 // The 16 header bytes go out in one write at offset 0, so a process killed at
 // any moment leaves a header whose position and number belong together.
 void write_header(long pos, uint32_t number)
 {
-    VOBREL_ASSERT(pos <= kHeaderMax && static_cast<int>(number) <= kHeaderMax);
-    char hdr[32]; // room for any int; only the 16 header bytes ever go out
-    snprintf(hdr, sizeof hdr, "%8d%8d", static_cast<int>(pos), static_cast<int>(number));
+    char hdr[kHeaderSize];
+    put_field(hdr, static_cast<int>(pos));
+    put_field(hdr + 8, static_cast<int>(number));
     memcpy(log_header, hdr, kHeaderSize);
     if (pwrite(log_fd, hdr, kHeaderSize, 0) < 0) {
         // Errors while writing are not reported; the next record retries.
@@ -368,6 +399,16 @@ void vappend(Text &t, const char *fmt, va_list ap)
         t.len += static_cast<size_t>(n);
 }
 
+void append_bytes(Text &t, const char *bytes, size_t n)
+{
+    if (t.len + 1 < t.size) {
+        const size_t k = n < t.size - 1 - t.len ? n : t.size - 1 - t.len;
+        memcpy(t.buf + t.len, bytes, k);
+        t.buf[t.len + k] = '\0';
+    }
+    t.len += n;
+}
+
 __attribute__((format(printf, 2, 3))) void append(Text &t, const char *fmt, ...)
 {
     va_list ap;
@@ -409,7 +450,18 @@ void wrap_if_full()
 
 void format_record(Text &t, const char *func, int lno, uint32_t n, pid_t pid, const char *fmt, va_list ap)
 {
-    append(t, "\n%s[%d]{%d}:", record_time(), static_cast<int>(n), static_cast<int>(pid));
+    // "\n%s[%d]{%d}:" with the time stamp, the number and the process id.
+    char head[80];
+    const char *stamp = record_time();
+    size_t len = strlen(stamp);
+    head[0] = '\n';
+    memcpy(head + 1, stamp, len);
+    head[++len] = '[';
+    len += 1 + put_int(head + len + 1, static_cast<int>(n));
+    memcpy(head + len, "]{", 2);
+    len += 2 + put_int(head + len + 2, static_cast<int>(pid));
+    memcpy(head + len, "}:", 2);
+    append_bytes(t, head, len + 2);
     if (func)
         append(t, "%s(%d): ", func, lno);
     vappend(t, fmt, ap);
