@@ -205,6 +205,12 @@ TEST(LogFile, FailedInitialisationDropsRecordsAndRetriesEveryCall)
               path + "3 path len 0\n" + path + "0 path len -4\n" + store + "error code 5 and file size 0\n" + store +
                   "error code 0 and file size -1\n" + no_memory + no_memory);
     EXPECT_EQ(fake::log_messages(), Lines{"kept"});
+    const std::string m(600, 'm'); // too long for the stack, no memory for more: cut to what the stack holds
+    allocfail::fail_all();
+    vobrel_write_to_log(nullptr, 0, "%s", m.c_str());
+    allocfail::reset();
+    const std::string s = fake::read_log();
+    EXPECT_EQ(s.size() - s.rfind('\n'), 511u);
 }
 
 // Writers of one file lose no record and never share a number: four threads in

@@ -448,6 +448,8 @@ void wrap_if_full()
     put(buf, held(t));
 }
 
+// Record n's text: its head, the function part when a name is given, and the
+// caller's message.
 void format_record(Text &t, const char *func, int lno, uint32_t n, pid_t pid, const char *fmt, va_list ap)
 {
     // "\n%s[%d]{%d}:" with the time stamp, the number and the process id.
