@@ -14,6 +14,7 @@
 #include <pthread.h>
 #include <set>
 #include <thread>
+#include <utility>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -101,14 +102,28 @@ TEST(LogFile, PlantedFilesAreRefusedAndSaidOnce)
                 chmod(fake::log_dir().c_str(), 0711) == 0);
     fake::set_log_store_path(store + "/vobrel.log");
     const std::string as_nobody = "setpriv --reuid=65534 --regid=65534 --clear-groups sh -c 'umask 0; : >" + path + "'";
+    pid_t writer = 0; // a process of the same name that has the file to itself
+    auto start_writer = [&] {
+        if ((writer = fork()) == 0) {
+            vobrel_write_to_log(nullptr, 0, "alone");
+            pause();
+        }
+        std::string text; // until its record is there
+        for (int i = 0; i < 2000 && text.find("}:alone") == std::string::npos; ++i, usleep(1000)) {
+            std::ifstream f(path);
+            text.assign(std::istreambuf_iterator<char>(f), {});
+        }
+        return writer > 0 ? 0 : -1;
+    };
     struct Plant { const char *why; std::function<int()> make; };
     const Plant plants[] = {{"a symbolic link", [&] { return symlink(victim.c_str(), path.c_str()); }},
                             {"a symbolic link", [&] { return symlink(nowhere.c_str(), path.c_str()); }},
                             {"not a regular file", [&] { return mkfifo(path.c_str(), 0666); }},
                             {"it has other names (hard links)", [&] { return link(victim.c_str(), path.c_str()); }},
+                            {"another process writes it alone", [&] { return start_writer(); }},
                             {"owned by another user", [&] { return system(as_nobody.c_str()); }}};
     for (const Plant &p : plants) {
-        if (&p == plants + 4 && getuid() != 0)
+        if (&p == plants + 5 && getuid() != 0)
             GTEST_SKIP() << "not root: no file of another user can be planted";
         std::ofstream(victim) << "secret";
         unlink(path.c_str());
@@ -127,6 +142,8 @@ TEST(LogFile, PlantedFilesAreRefusedAndSaidOnce)
             },
             testing::ExitedWithCode(0), "")
             << p.why;
+        if (writer > 0 && kill(writer, SIGKILL) == 0)
+            waitpid(std::exchange(writer, 0), nullptr, 0);
     }
 }
 
@@ -210,7 +227,7 @@ TEST(LogFile, FailedInitialisationDropsRecordsAndRetriesEveryCall)
 }
 
 // Writers of one file lose no record and never share a number: four threads in
-// each of two processes (same store, same name; the child forked after the
+// each of two processes that take turns on it (the child forked after the
 // parent opened the file). The header names the end and number of the newest.
 TEST(LogFile, ConcurrentWritersLoseNothingAndNeverShareANumber)
 {

@@ -58,6 +58,9 @@ pthread_once_t logger_sem_once = PTHREAD_ONCE_INIT;
 int log_fd = -1;
 pid_t log_pid;
 bool log_forked;
+// Whether this process takes turns on the file with others, record by record,
+// or writes it alone (see lock_mode_byte).
+bool log_shared;
 // From opening until the first record: the place to write is still to be
 // taken from the header, and the open banner still to be written.
 bool log_fresh;
@@ -72,10 +75,16 @@ bool refusal_reported;
 
 // The semaphore is created exactly once per process, before any thread can
 // use it; a retried initialisation never re-creates it under a waiter.
+void before_fork();
+
 void logger_sem_create()
 {
     sem_init(&logger_sem, 0, 1);
-    pthread_atfork(nullptr, nullptr, [] { log_forked = true; });
+    pthread_atfork(before_fork, [] { sem_post(&logger_sem); },
+                   [] {
+                       log_forked = true;
+                       sem_post(&logger_sem);
+                   });
 }
 
 void logger_lock()
@@ -101,9 +110,9 @@ void logger_unlock()
     sem_post(&logger_sem);
 }
 
-// Processes that write the same file (same store, same name) take turns by
-// this lock, one record with its header at a time. It belongs to the open
-// file, which the process's threads share; the semaphore orders those.
+// Processes that take turns on the file (see lock_mode_byte) hold this lock
+// for one record with its header at a time. It belongs to the open file, which
+// the process's threads share; the semaphore orders those.
 void file_lock()
 {
     while (flock(log_fd, LOCK_EX) != 0 && errno == EINTR) {
@@ -113,6 +122,34 @@ void file_lock()
 void file_unlock()
 {
     flock(log_fd, LOCK_UN);
+}
+
+// The lock on this byte, which lies past any log position, says how the file
+// is written: held exclusively by a process that writes it alone, shared by
+// processes that take turns on it record by record (file_lock). A writer
+// alone needs no lock nor header reading per record; a newcomer joins those
+// who take turns, or is refused while one writes alone.
+constexpr off_t kModeByte = 0x7fffffff;
+
+bool lock_mode_byte(short type)
+{
+    struct flock fl;
+    memset(&fl, 0, sizeof fl);
+    fl.l_type = type;
+    fl.l_whence = SEEK_SET;
+    fl.l_start = kModeByte;
+    fl.l_len = 1;
+    return fcntl(log_fd, F_OFD_SETLK, &fl) == 0;
+}
+
+// Before the process forks, with the logger's lock held until the fork is done
+// (so no record is half written in the child): a child may go on logging to
+// the same file, so from now on this process takes turns on it.
+void before_fork()
+{
+    logger_lock();
+    if (log_fd >= 0 && !log_shared)
+        log_shared = lock_mode_byte(F_RDLCK);
 }
 
 // The decimal text of v at out, a minus sign first when negative; returns its
@@ -326,6 +363,12 @@ bool logger_init_locked()
     if (!file_name)
         return false;
     log_fd = open_log_file(file_name);
+    log_shared = log_fd >= 0 && !lock_mode_byte(F_WRLCK);
+    if (log_shared && !lock_mode_byte(F_RDLCK)) {
+        report_refusal(file_name, "another process writes it alone");
+        close(log_fd);
+        log_fd = -1;
+    }
     free(file_name);
     if (log_fd < 0)
         return false;
@@ -521,8 +564,10 @@ extern "C" int vobrel_write_to_log(const char *func, int lno, const char *fmt, .
         return 0;
     }
 
-    file_lock();
-    sync_with_header();
+    if (log_shared)
+        file_lock();
+    if (log_shared || log_fresh)
+        sync_with_header();
     if (log_fresh) {
         write_open_banner();
         log_fresh = false;
@@ -534,7 +579,8 @@ extern "C" int vobrel_write_to_log(const char *func, int lno, const char *fmt, .
     write_record(func, lno, n, log_pid, fmt, ap);
     va_end(ap);
     write_header(log_pos, n);
-    file_unlock();
+    if (log_shared)
+        file_unlock();
 
     logger_unlock();
     return 0;
