@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <vobrel/util.h>
 
@@ -64,13 +66,19 @@ TEST(Split, TokensCutsAndFailures)
     // A caller's own non-re-entrant tokenising keeps its place across splits.
     char outer[] = "x;y";
     strtok(outer, ";");
+    // Each text goes, unterminated, right before an unreadable page: nothing
+    // at or after buffer[len] may be read or written.
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    char *pages = static_cast<char *>(mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_TRUE(pages != MAP_FAILED && mprotect(pages + page, page, PROT_NONE) == 0);
     for (const Row &r : rows) {
         SCOPED_TRACE(testing::Message() << r.in << " fail " << r.fail);
-        std::string buf = r.in, delim = r.delim;
+        char *edge = static_cast<char *>(memcpy(pages + page - strlen(r.in), r.in, strlen(r.in)));
+        std::string delim = r.delim;
         int n = -1;
         char **strings = reinterpret_cast<char **>(&n); // a value no call would store
         allocfail::fail_nth(r.fail);
-        vobrel_rc rc = vobrel_parse_delim_buffer(buf.data(), r.len, delim.data(), &strings, &n);
+        vobrel_rc rc = vobrel_parse_delim_buffer(edge, r.len, delim.data(), &strings, &n);
         allocfail::reset();
         std::string got; // tokens each ended by |, released as a caller would
         for (int i = 0; i < n; free(strings[i++]))
@@ -79,9 +87,11 @@ TEST(Split, TokensCutsAndFailures)
         EXPECT_TRUE(rc ? n == -1 && strings == (r.len > 0 ? nullptr : reinterpret_cast<char **>(&n)) : !strings[n]);
         free(rc == VOBREL_OK ? strings : nullptr);
         EXPECT_EQ(rc != VOBREL_OK ? "rc " + std::to_string(rc) : got, r.out);
-        std::replace(buf.begin(), buf.end(), '\0', '|');
-        EXPECT_EQ(buf, r.after);
+        std::string after(edge, strlen(r.in));
+        std::replace(after.begin(), after.end(), '\0', '|');
+        EXPECT_EQ(after, r.after);
     }
+    munmap(pages, 2 * page);
     EXPECT_STREQ(strtok(nullptr, ";"), "y");
 
     // Null arguments are refused and touch nothing.

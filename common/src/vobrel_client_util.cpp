@@ -38,6 +38,26 @@ off_t vob_file_size(int fd)
     return sb.st_size;
 }
 
+// Opens `path` close-on-exec and without waiting (a FIFO or device at the
+// path never hangs the call), and keeps it only when it is a regular file,
+// back in blocking mode. Otherwise -1 with errno set: EISDIR for a directory,
+// ENXIO for anything else that is not a regular file.
+int open_regular(const char *path, int flags, mode_t mode = 0)
+{
+    int fd = open(path, flags | O_CLOEXEC | O_NONBLOCK, mode);
+    if (fd < 0)
+        return -1;
+    struct stat sb;
+    const int e = fstat(fd, &sb) != 0 ? errno : S_ISREG(sb.st_mode) ? 0 : S_ISDIR(sb.st_mode) ? EISDIR : ENXIO;
+    if (e != 0) {
+        close(fd);
+        errno = e;
+        return -1;
+    }
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+    return fd;
+}
+
 // Closes `fd` and removes `url` only while it is still the regular file open
 // on `fd` (same device and inode, the path itself not followed): a device
 // node, a pipe, a symbolic link or a file put there meanwhile stays.
@@ -113,7 +133,7 @@ bool read_rest(int fd, char **buffer, size_t size, size_t got)
 // Opens `url` afresh for writing; on failure says why and sets *writelen to 0.
 int open_for_write(const char *url, int32_t *writelen)
 {
-    int fd = open(url, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    int fd = open_regular(url, O_WRONLY | O_CREAT | O_TRUNC, 0666);
     if (fd < 0) {
         ErrText err(errno);
         *writelen = 0;
@@ -185,7 +205,7 @@ vobrel_rc vobrel_read_input_vobrel_file(const char *fname, char **buffer)
     if (!fname || !buffer)
         return VOBREL_INVALID_ARGS;
 
-    int fd = open(fname, O_RDONLY);
+    int fd = open_regular(fname, O_RDONLY);
     if (fd < 0)
         return VOBREL_FSOPEN_FAILED;
 

@@ -106,47 +106,35 @@ char *scratch_copy(const char *buffer, size_t n, char ***strings)
     return scratch;
 }
 
-// The number of tokens in text, which strtok_r cuts up.
-int count_tokens(char *text, const char *delim)
+// The number of tokens in text: runs of characters not in delim.
+int count_tokens(const char *text, const char *delim)
 {
     int count = 0;
-    char *pos = nullptr;
-    for (char *t = strtok_r(text, delim, &pos); t; t = strtok_r(nullptr, delim, &pos))
+    for (text += strspn(text, delim); *text; text += strspn(text, delim)) {
         ++count;
+        text += strcspn(text, delim);
+    }
     return count;
 }
 
-// Cuts buffer into its tokens in place and stores a copy of each, at most
-// `count`, in array; returns how many were stored. A token without memory
-// leaves its slot null.
-int split_into(char *buffer, size_t n, const char *delim, char **array, int count)
+// Cuts scratch, the copy of buffer's first n characters, into its tokens and
+// stores a copy of each, at most `count`, in array; returns how many were
+// stored. Each token is ended in buffer too, where it was ended in the copy:
+// nothing at or after buffer[n] is read or written, so the caller's text
+// needs no terminator there. A token without memory leaves its slot null.
+int split_into(char *buffer, char *scratch, size_t n, const char *delim, char **array, int count)
 {
-    // A text longer than n is ended at n for the split, so that the split
-    // sees exactly the counted tokens and the array cannot overflow; the
-    // caller's character there is put back afterwards.
-    char *stop = nullptr;
-    char stopped = '\0';
-    if (strnlen(buffer, n + 1) > n) {
-        stop = buffer + n;
-        stopped = *stop;
-        *stop = '\0';
-    }
-
     int stored = 0;
     char *pos = nullptr;
-    char *t = strtok_r(buffer, delim, &pos);
-    while (t && stored < count) {
-        size_t tlen = strlen(t);
+    for (char *t = strtok_r(scratch, delim, &pos); t && stored < count; t = strtok_r(nullptr, delim, &pos)) {
+        const size_t tlen = strlen(t), end = static_cast<size_t>(t - scratch) + tlen;
+        if (end < n)
+            buffer[end] = '\0';
         char *copy = static_cast<char *>(calloc(1, tlen + 1));
         if (copy)
             zel_sstrncpy(copy, t, tlen + 1);
         array[stored++] = copy;
-        if (stored < count)
-            t = strtok_r(nullptr, delim, &pos);
     }
-
-    if (stop)
-        *stop = stopped;
     return stored;
 }
 
@@ -194,23 +182,21 @@ vobrel_rc vobrel_parse_delim_buffer(char *buffer, int len, char *delim, char ***
         return VOBREL_INVALID_ARGS;
     size_t n = static_cast<size_t>(len);
 
-    // The tokens are counted on a copy of the first len characters, so the
-    // array can be sized before the caller's buffer is cut.
+    // The tokens are counted and cut on a copy of the first len characters,
+    // so the array can be sized before the caller's buffer is cut.
     char *scratch = scratch_copy(buffer, n, strings);
     if (!buffer || !scratch || !delim || len == 0) {
         free(scratch);
         return VOBREL_INVALID_ARGS;
     }
     int count = count_tokens(scratch, delim);
-    free(scratch);
 
     char **array = static_cast<char **>(calloc(static_cast<size_t>(count) + 1, sizeof(char *)));
     *strings = array;
-    if (!array)
-        return VOBREL_INVALID_ARGS;
-
-    *num_strings = split_into(buffer, n, delim, array, count);
-    return VOBREL_OK;
+    if (array)
+        *num_strings = split_into(buffer, scratch, n, delim, array, count);
+    free(scratch);
+    return array ? VOBREL_OK : VOBREL_INVALID_ARGS;
 }
 
 } // extern "C"

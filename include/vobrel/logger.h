@@ -18,8 +18,16 @@
 
 VOBREL_BEGIN_DECLS
 
+/* The longest record written, in bytes (time stamp, number, pid, function
+ * part and message together); a longer one is cut to this length. */
+#define VOBREL_LOG_RECORD_MAX 65536
+/* The largest size limit used; a platform's larger one is lowered to it. A
+ * record begun just below the limit then still ends below 100,000,000, so
+ * both header fields keep to their 8 digits. */
+#define VOBREL_LOG_SIZE_MAX (100000000 - VOBREL_LOG_RECORD_MAX)
+
 /* read-only: the size limit of the log file in bytes, filled in from the
- * platform. */
+ * platform (at most VOBREL_LOG_SIZE_MAX). */
 VOBREL_API extern int log_file_size;
 /* public: the short process name (at most 9 characters) ending the log file's name. Set it
  * before the first log call. */

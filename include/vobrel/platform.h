@@ -40,7 +40,8 @@ VOBREL_API void vobrel_platform_buginf(const char *text);
  * needs (NUL included) in *path_len. With a zero-filled buffer of that size and
  * the same *path_len: copies the path and stores the size limit in *file_size.
  * The default reads VOBREL_LOG_STORE (default "/tmp/vobrel.log") and
- * VOBREL_LOG_SIZE (default 1048576). */
+ * VOBREL_LOG_SIZE (default 1048576, at most VOBREL_LOG_SIZE_MAX of
+ * <vobrel/logger.h>; a larger limit from any platform is lowered to that). */
 VOBREL_API vobrel_platform_status_type vobrel_platform_get_log_store_path(int *path_len, char *path,
                                                                           int *file_size);
 

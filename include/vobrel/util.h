@@ -55,7 +55,9 @@ VOBREL_API void vobrel_convert_time_to_string(boolean expired, time_t time_remai
  *
  * A text longer than `len` is taken as its first `len` characters: the array
  * gets their tokens only (never more than it has room for), the last one cut
- * at `len`, and the buffer is cut only within those characters.
+ * at `len`, and the buffer is cut only within those characters. Nothing at or
+ * after buffer[len] is read or written, so the text need not be terminated
+ * there.
  *
  * VOBREL_INVALID_ARGS for a null buffer, delim, strings or num_strings, for a
  * len of 0 or below, and when the scratch copy or the array cannot be
@@ -66,9 +68,10 @@ VOBREL_API vobrel_rc vobrel_parse_delim_buffer(char *buffer, int len, char *deli
                                                int *num_strings);
 
 /* Reads the file `fname` into a new NUL-terminated block in *buffer: the whole
- * file when its size is known, else (size 0 or unknown: pipes, /proc files) at
- * most its first 524288 bytes, in one read.
- * VOBREL_INVALID_ARGS: null fname or buffer. VOBREL_FSOPEN_FAILED: cannot open
+ * file when its size is known, else (size 0: /proc files) at most its first
+ * 524288 bytes, in one read.
+ * VOBREL_INVALID_ARGS: null fname or buffer. VOBREL_FSOPEN_FAILED: cannot open,
+ * or not a regular file: a FIFO or device fails at once, without waiting
  * (nothing logged, *buffer untouched). VOBREL_NO_MEMORY: no block (*buffer
  * NULL). VOBREL_INVALID_FILE: the first read gives nothing or fails, or a later
  * read fails (logged; *buffer NULL). An empty file is VOBREL_INVALID_FILE. */
@@ -80,7 +83,8 @@ VOBREL_API vobrel_rc vobrel_read_input_vobrel_file(const char *fname, char **buf
  * data in the messages (a null what reads as "data"); `flags` is not used.
  * VOBREL_INVALID_ARGS: null url or writelen, or a negative datalen (nothing
  * else happens). VOBREL_NO_ENTRIES: null data or datalen 0 (no file is
- * created). VOBREL_FSOPEN_FAILED: cannot open (*writelen 0, printed and
+ * created). VOBREL_FSOPEN_FAILED: cannot open, or not a regular file (a FIFO
+ * or device fails at once, with the text of ENXIO; *writelen 0, printed and
  * logged). VOBREL_FSWRITE_FAILED: the first write stores nothing (*writelen 0,
  * the file is removed) or a later one stores nothing (*writelen = bytes
  * written, the partial file is kept); printed and logged.

@@ -1,5 +1,6 @@
 // Default platform layer: POSIX threads, syslog(3), standard error as the debug
 // channel, and the log store from the environment.
+#include <vobrel/logger.h>
 #include <vobrel/platform.h>
 
 #include <cerrno>
@@ -23,7 +24,9 @@ const char *store_path()
     return (p && *p) ? p : kDefaultStore;
 }
 
-// Parses VOBREL_LOG_SIZE: a whole decimal number of bytes, 1 .. INT_MAX.
+// Parses VOBREL_LOG_SIZE: a whole decimal number of bytes, 1 ..
+// VOBREL_LOG_SIZE_MAX, the most with which the longest record still ends at a
+// position that the header's 8 digits can say.
 bool store_size(int *out)
 {
     const char *s = getenv("VOBREL_LOG_SIZE");
@@ -34,7 +37,7 @@ bool store_size(int *out)
     errno = 0;
     char *end = nullptr;
     long v = strtol(s, &end, 10);
-    if (errno != 0 || end == s || *end != '\0' || v <= 0 || v > INT_MAX)
+    if (errno != 0 || end == s || *end != '\0' || v <= 0 || v > VOBREL_LOG_SIZE_MAX)
         return false;
     *out = static_cast<int>(v);
     return true;

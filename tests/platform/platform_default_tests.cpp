@@ -42,13 +42,13 @@ TEST(DefaultPlatform, LogStoreFromEnvironmentOrDefaults)
     unsetenv("VOBREL_LOG_SIZE");
     EXPECT_EQ(ask_path(), "0|/tmp/vobrel.log|1048576");
     setenv("VOBREL_LOG_STORE", "/var/tmp/x/app.log", 1);
-    setenv("VOBREL_LOG_SIZE", "4096", 1);
-    EXPECT_EQ(ask_path(), "0|/var/tmp/x/app.log|4096");
+    setenv("VOBREL_LOG_SIZE", "99934464", 1); // the most that keeps positions to 8 digits
+    EXPECT_EQ(ask_path(), "0|/var/tmp/x/app.log|99934464");
 }
 
 TEST(DefaultPlatform, BadSizeOrBufferIsAFailureStatusNotACrash)
 {
-    for (const char *bad : {"abc", "-5", "0", "12k", "99999999999999999999", " "}) {
+    for (const char *bad : {"abc", "-5", "0", "12k", "99934465", "99999999", "99999999999999999999", " "}) {
         setenv("VOBREL_LOG_SIZE", bad, 1);
         EXPECT_EQ(ask_path(), std::to_string(VOBREL_PLATFORM_INIT_FAILED) + "||-7") << bad;
     }
