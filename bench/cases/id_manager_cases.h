@@ -8,7 +8,8 @@
 //   SlotMapFloor:   a plain array of the same capacity with a free list
 //                   threaded through the entries and a generation byte per
 //                   entry, reused oldest-freed first like the ID manager; its
-//                   three operations are out of line, as the library's are
+//                   three operations are out of line and compiled without
+//                   knowledge of their caller (noipa), as the library's are
 //   SlotMapInline:  the same floor with its operations expanded in place
 //   SlotMapLifo:    the same floor reusing the newest-freed entry (the usual
 //                   slot map; the cycle then stays on one entry)
@@ -53,7 +54,7 @@ template <typename Loop> void IdManager(Loop &loop)
     id_table_key_t key = zel_id_create_new_table(128, 1024, nullptr);
     for (uint32_t i = 0; i < live; ++i)
         zel_id_get(&payload[i & 15], key);
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         idmgr_id_t id = zel_id_get(&payload[3], key);
         id_mgr_ret rc;
         keep(zel_id_to_ptr(id, &rc, key));
@@ -126,17 +127,17 @@ private:
 };
 
 template <bool Fifo>
-[[gnu::noinline]] uint32_t floor_get(SlotMap<Fifo> &m, void *p)
+VOBREL_BENCH_OPAQUE uint32_t floor_get(SlotMap<Fifo> &m, void *p)
 {
     return m.get(p);
 }
 template <bool Fifo>
-[[gnu::noinline]] void *floor_to_ptr(const SlotMap<Fifo> &m, uint32_t id)
+VOBREL_BENCH_OPAQUE void *floor_to_ptr(const SlotMap<Fifo> &m, uint32_t id)
 {
     return m.to_ptr(id);
 }
 template <bool Fifo>
-[[gnu::noinline]] void floor_del(SlotMap<Fifo> &m, uint32_t id)
+VOBREL_BENCH_OPAQUE void floor_del(SlotMap<Fifo> &m, uint32_t id)
 {
     m.del(id);
 }
@@ -146,7 +147,7 @@ template <bool Fifo, bool OutOfLine, typename Loop> void SlotMapCase(Loop &loop)
     SlotMap<Fifo> m;
     for (uint32_t i = 0; i < live; ++i)
         m.get(&payload[i & 15]);
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         if constexpr (OutOfLine) {
             uint32_t id = floor_get(m, &payload[3]);
             keep(floor_to_ptr(m, id));
@@ -175,7 +176,7 @@ struct TwoLevel {
     TEntry *head = nullptr, *tail = nullptr;
 };
 
-[[gnu::noinline]] inline uint32_t two_get(TwoLevel &t, void *p)
+VOBREL_BENCH_OPAQUE inline uint32_t two_get(TwoLevel &t, void *p)
 {
     TEntry *e = t.head;
     t.head = e->next;
@@ -193,12 +194,12 @@ struct TwoLevel {
         return nullptr;
     return &t.slots[s][i];
 }
-[[gnu::noinline]] inline void *two_to_ptr(TwoLevel &t, uint32_t id)
+VOBREL_BENCH_OPAQUE inline void *two_to_ptr(TwoLevel &t, uint32_t id)
 {
     TEntry *e = two_find(t, id);
     return e ? e->p : nullptr;
 }
-[[gnu::noinline]] inline void two_del(TwoLevel &t, uint32_t id)
+VOBREL_BENCH_OPAQUE inline void two_del(TwoLevel &t, uint32_t id)
 {
     TEntry *e = two_find(t, id);
     if (!e)
@@ -225,7 +226,7 @@ template <typename Loop> void TwoLevelFloor(Loop &loop)
     }
     for (uint32_t i = 0; i < live; ++i)
         two_get(*t, &payload[i & 15]);
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         uint32_t id = two_get(*t, &payload[3]);
         keep(two_to_ptr(*t, id));
         two_del(*t, id);
@@ -239,7 +240,7 @@ template <typename Loop> void HashMap(Loop &loop)
     uint32_t next = 1;
     for (; next <= live; ++next)
         m.emplace(next, &payload[next & 15]);
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         const uint32_t id = next++;
         m.emplace(id, &payload[3]);
         auto it = m.find(id);
@@ -255,7 +256,7 @@ template <typename Loop> void IdGHashTable(Loop &loop)
     uint32_t next = 1;
     for (; next <= live; ++next)
         g_hash_table_insert(m, GUINT_TO_POINTER(next), &payload[next & 15]);
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         const uint32_t id = next++;
         g_hash_table_insert(m, GUINT_TO_POINTER(id), &payload[3]);
         keep(g_hash_table_lookup(m, GUINT_TO_POINTER(id)));

@@ -43,7 +43,7 @@ template <typename Loop> void BM_List_Plain(Loop &loop)
     list_header l;
     zel_list_create(&l, 0, "bench", 0);
     std::vector<list_element> recs(kBatch);
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         for (int i = 0; i < kBatch; ++i)
             list_enqueue(&l, &recs[i], &payload[i]);
         for (int i = 0; i < kBatch; ++i)
@@ -58,7 +58,7 @@ template <typename Loop> void BM_Tailq_Plain(Loop &loop)
     RecHead head;
     TAILQ_INIT(&head);
     std::vector<Rec> recs(kBatch);
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         for (int i = 0; i < kBatch; ++i) {
             recs[i].data = &payload[i];
             TAILQ_INSERT_TAIL(&head, &recs[i], link);
@@ -78,7 +78,7 @@ template <typename Loop> void BM_List_Automatic(Loop &loop)
     init_lists();
     list_header l;
     zel_list_create(&l, 0, "bench-auto", LIST_FLAGS_AUTOMATIC);
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         for (int i = 0; i < kBatch; ++i)
             list_enqueue(&l, nullptr, &payload[i]);
         for (int i = 0; i < kBatch; ++i)
@@ -94,7 +94,7 @@ template <bool Zeroed, typename Loop> void BM_Tailq_Alloc(Loop &loop)
 {
     RecHead head;
     TAILQ_INIT(&head);
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         for (int i = 0; i < kBatch; ++i) {
             auto *r = static_cast<Rec *>(Zeroed ? calloc(1, sizeof(Rec)) : malloc(sizeof(Rec)));
             if (!r)
@@ -147,7 +147,7 @@ template <typename Loop> void BM_Tailq_Dispatched(Loop &loop)
     q.dequeue = dispatched_dequeue;
     Dispatched *volatile hide = &q; // keeps the calls indirect
     std::vector<Rec> recs(kBatch);
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         Dispatched *p = hide;
         for (int i = 0; i < kBatch; ++i)
             p->enqueue(p, &recs[i], &payload[i]);

@@ -98,7 +98,7 @@ inline void floor_syslog(const char *fmt, ...)
 template <typename Loop> void Log_ours(Loop &loop)
 {
     int i = 0;
-    for (auto _ : loop)
+    for ([[maybe_unused]] auto _ : loop)
         vobrel_write_to_log(nullptr, 0, "reading %d value %d\n", i++, 42);
     processed(loop, loop.iterations());
 }
@@ -106,21 +106,21 @@ template <typename Loop> void Log_ours(Loop &loop)
 template <typename Loop> void Log_floor(Loop &loop)
 {
     int i = 0;
-    for (auto _ : loop)
+    for ([[maybe_unused]] auto _ : loop)
         floor_record("reading %d value %d\n", i++, 42);
     processed(loop, loop.iterations());
 }
 
 template <typename Loop> void Report_ours(Loop &loop)
 {
-    for (auto _ : loop)
+    for ([[maybe_unused]] auto _ : loop)
         xos_errmsg(__func__, __LINE__, &msg_SYS_QCOUNT, "dequeue", 0x1234u, 3);
     processed(loop, loop.iterations());
 }
 
 template <typename Loop> void Report_floor(Loop &loop)
 {
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         floor_record("Bad %s %x count %d", "dequeue", 0x1234u, 3);
         floor_syslog("%%%s-%d-%s:%s", "SYS", 2, "QCOUNT", "Bad dequeue 1234 count 3");
     }

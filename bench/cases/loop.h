@@ -2,19 +2,27 @@
 // programs (bench/*_bench.cpp), which time them, and the counting driver
 // (bench/cost/cost_driver.cpp), which runs each a fixed number of times under
 // an instruction-tracing emulator. A case is a template over its loop: a
-// benchmark::State or a CountLoop, both iterated with `for (auto _ : loop)`.
+// benchmark::State or a CountLoop, both iterated with `for ([[maybe_unused]] auto _ : loop)`.
 // Neither the cases nor the driver need the benchmark library.
 #ifndef VOBREL_BENCH_CASES_LOOP_H
 #define VOBREL_BENCH_CASES_LOOP_H
 
 #include <cstdint>
 
+// A function compiled as an exported one is: out of line and without
+// knowledge of its callers (GCC would otherwise drop a result they ignore).
+#if defined(__clang__)
+#define VOBREL_BENCH_OPAQUE [[gnu::noinline]]
+#else
+#define VOBREL_BENCH_OPAQUE [[gnu::noipa]]
+#endif
+
 namespace vobrel::bench {
 
 // A fixed number of iterations, as the counting driver runs them.
 class CountLoop {
 public:
-    struct [[gnu::unused]] Tick {};
+    struct Tick {};
     struct It {
         int64_t i;
         bool operator!=(const It &o) const { return i != o.i; }

@@ -68,7 +68,7 @@ template <typename Loop> void Locked_zel(Loop &loop)
     Elem el[kDepth]{};
     for (auto &e : el)
         zel_enqueue(&q, &e);
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         void *e = zel_dequeue(&q);
         zel_enqueue(&q, e);
         keep(e);
@@ -83,7 +83,7 @@ template <typename Loop> void Locked_floor_stailq(Loop &loop)
         STAILQ_INSERT_TAIL(&h, &e, link);
     // A queue behind a mutex is shared: the lock calls may see it.
     keep(&h);
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         pthread_mutex_lock(&floor_mutex);
         SElem *e = STAILQ_FIRST(&h);
         if (e)
@@ -103,7 +103,7 @@ template <typename Loop> void Locked_inline_bodies(Loop &loop)
     for (auto &e : el)
         enqueue_body(&q, &e, QueueCaller::zel_p_enqueue);
     keep(&q);
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         void *e;
         {
             QueueLock lock;
@@ -123,7 +123,7 @@ template <typename Loop> void Unlocked_zel_p(Loop &loop)
     Elem el[kDepth]{};
     for (auto &e : el)
         zel_p_enqueue(&q, &e);
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         void *e = zel_p_dequeue(&q);
         zel_p_enqueue(&q, e);
         keep(e);
@@ -137,7 +137,7 @@ template <typename Loop> void Unlocked_inline_bodies(Loop &loop)
     for (auto &e : el)
         enqueue_body(&q, &e, QueueCaller::zel_p_enqueue);
     keep(&q);
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         void *e = dequeue_body(&q, QueueCaller::zel_p_dequeue);
         enqueue_body(&q, e, QueueCaller::zel_p_enqueue);
         keep(e);
@@ -147,12 +147,14 @@ template <typename Loop> void Unlocked_inline_bodies(Loop &loop)
 
 // The same bodies behind two plain out-of-line calls: what any call boundary
 // costs, so the gap of Unlocked_zel_p splits into the call and the rest.
-[[gnu::noinline]] inline void *dequeue_called(queuetype *q)
+// noipa: like an exported function, compiled without knowing its callers (a
+// return value they ignore is still computed).
+VOBREL_BENCH_OPAQUE inline void *dequeue_called(queuetype *q)
 {
     return dequeue_body(q, QueueCaller::zel_p_dequeue);
 }
 
-[[gnu::noinline]] inline boolean enqueue_called(queuetype *q, void *e)
+VOBREL_BENCH_OPAQUE inline boolean enqueue_called(queuetype *q, void *e)
 {
     return enqueue_body(q, e, QueueCaller::zel_p_enqueue);
 }
@@ -164,7 +166,7 @@ template <typename Loop> void Unlocked_called_bodies(Loop &loop)
     for (auto &e : el)
         enqueue_called(&q, &e);
     keep(&q);
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         void *e = dequeue_called(&q);
         enqueue_called(&q, e);
         keep(e);
@@ -180,7 +182,7 @@ template <typename Loop> void Unlocked_floor_stailq(Loop &loop)
     for (auto &e : el)
         STAILQ_INSERT_TAIL(&h, &e, link);
     keep(&h);
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         SElem *e = STAILQ_FIRST(&h);
         if (e)
             STAILQ_REMOVE_HEAD(&h, link);
@@ -199,7 +201,7 @@ template <typename Loop> void Unlocked_gqueue(Loop &loop)
     Elem el[kDepth]{};
     for (auto &e : el)
         g_queue_push_tail(q, &e);
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         void *e = g_queue_pop_head(q);
         g_queue_push_tail(q, e);
         keep(e);
@@ -217,7 +219,7 @@ template <typename Loop> void Data_zel(Loop &loop)
     queuetype q{};
     for (auto &d : data)
         zel_data_enqueue(&q, &d);
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         void *d = zel_data_dequeue(&q);
         zel_data_enqueue(&q, d);
         keep(d);
@@ -257,7 +259,7 @@ template <bool kLocked, bool kCalloc = false, typename Loop> void data_floor(Loo
     for (auto &d : data)
         put(&d);
     keep(&h);
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         void *d = take();
         put(d);
         keep(d);

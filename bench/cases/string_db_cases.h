@@ -102,7 +102,7 @@ template <typename Loop> void BM_SdbAddShared(Loop &loop)
     for (size_t i = 0; i < all.size(); ++i)
         handles[i] = add(all[i]);
     size_t i = 0, extra = 0;
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         keep(add(*order[i]));
         if (++i == order.size())
             i = 0;
@@ -163,7 +163,7 @@ template <size_t kBuckets, typename Loop> void BM_CInternShared(Loop &loop)
         table.intern(t.c_str());
     const auto &order = lookups();
     size_t i = 0;
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         keep(table.intern(order[i]->c_str()));
         if (++i == order.size())
             i = 0;
@@ -178,7 +178,7 @@ template <typename Loop> void BM_GlibInternShared(Loop &loop)
         g_intern_string(t.c_str());
     const auto &order = lookups();
     size_t i = 0;
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         keep(g_intern_string(order[i]->c_str()));
         if (++i == order.size())
             i = 0;
@@ -202,7 +202,7 @@ template <bool Sliced, typename Loop> void BM_Crc(Loop &loop, int len)
     std::vector<uchar> buf(static_cast<size_t>(len));
     for (int i = 0; i < len; ++i)
         buf[static_cast<size_t>(i)] = static_cast<uchar>(i * 31 + 7);
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         keep(buf.data());
         keep(Sliced ? sdb_do_crc(buf.data(), len, FALSE) : bytewise_crc(buf.data(), len));
     }

@@ -58,7 +58,7 @@ inline int64_t value(void *p)
 // checks that every item arrived once.
 template <typename Loop, typename Produce, typename Consume> void handoff(Loop &loop, Produce produce, Consume consume)
 {
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         int64_t sum = 0;
         std::thread consumer([&] { sum = consume(); });
         produce();
@@ -217,7 +217,7 @@ template <typename Loop, typename Flag> void ping_pong(Loop &loop, Flag &ping, F
             pong.set(TRUE);
         }
     });
-    for (auto _ : loop) {
+    for ([[maybe_unused]] auto _ : loop) {
         ping.set(TRUE);
         pong.wait();
         pong.set(FALSE);

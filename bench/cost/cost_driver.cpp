@@ -32,7 +32,7 @@ namespace lg = vobrel::bench::logger;
 // (see the cases' comments): the counting emulator runs some 0.5 M
 // instructions a second.
 constexpr uint32_t kLiveIds = 1000;
-constexpr unsigned kTextShift = 5;
+constexpr unsigned kTextShift = 6;
 
 using Run = void (*)(int64_t n);
 
