@@ -36,8 +36,10 @@ target_include_directories(vobrel PUBLIC
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
   $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 target_link_libraries(vobrel PRIVATE Threads::Threads)
-# The platform functions stay undefined here and resolve at load time.
-target_link_options(vobrel PRIVATE -Wl,--as-needed)
+# The platform functions stay undefined here and resolve at load time. The
+# library's calls to its own exported functions (across its source files)
+# bind inside it, not through the PLT.
+target_link_options(vobrel PRIVATE -Wl,--as-needed -Wl,-Bsymbolic-functions)
 
 add_library(vobrel_static STATIC $<TARGET_OBJECTS:vobrel_objects>)
 add_library(vobrel::vobrel_static ALIAS vobrel_static)

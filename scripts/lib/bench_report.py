@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Turns Google Benchmark JSON runs into the performance report.
+"""Turns Google Benchmark JSON runs and instruction counts into the
+performance report.
 
 Usage: bench_report.py PAIRS OUTDIR ARCH=RUNDIR [ARCH=RUNDIR ...]
 
@@ -8,8 +9,13 @@ For every row of PAIRS whose two benchmarks are in the run, the ratio ours /
 baseline is taken per repetition (the two ran in the same process, minutes
 apart at most), and the table gives its median and its spread (lowest to
 highest). Absolute times are shown for orientation only: the machines are
-noisy, the ratios are what is compared. Writes OUTDIR/report.md (one table
-per architecture, also printed) and OUTDIR/ratios.dat for the chart.
+noisy, the ratios are what is compared. RUNDIR/exec says whether the
+programs ran natively or under emulation; emulated times measure the
+emulator, so their rows are shown but not judged against the targets.
+RUNDIR/counts.tsv (scripts/lib/cost_count.py), where present, gives the
+instructions per operation of each case: a second table, exact, judged
+against the same targets. Writes OUTDIR/report.md (the tables of every
+architecture, also printed) and OUTDIR/ratios.dat for the chart.
 """
 import json
 import os
@@ -53,7 +59,50 @@ def fmt_time(ns):
     return "%.3g ns" % ns
 
 
-def rows_for(pairs, times):
+def read_counts(rundir):
+    counts = {}
+    path = os.path.join(rundir, "counts.tsv")
+    if os.path.exists(path):
+        with open(path) as f:
+            for line in f:
+                if not line.startswith("#") and line.strip():
+                    case, value = line.rstrip("\n").split("\t")
+                    counts[case] = float(value)
+    return counts
+
+
+def read_exec(rundir):
+    path = os.path.join(rundir, "exec")
+    return open(path).read().strip() if os.path.exists(path) else "native"
+
+
+def count_rows(pairs, counts):
+    out = []
+    for area, case, ours, base, target in pairs:
+        if ours not in counts or base not in counts or counts[base] <= 0:
+            continue
+        ratio = counts[ours] / counts[base]
+        met = "-" if target is None else ("yes" if ratio <= target else "no")
+        out.append(dict(area=area, case=case, ours=counts[ours], base=counts[base], ratio=ratio,
+                        target=target, met=met))
+    return out
+
+
+def count_table(arch, rows):
+    lines = ["### %s, instructions per operation (exact)" % arch, "",
+             "| area | case | ours | baseline | ratio | target | met |",
+             "|---|---|---|---|---|---|---|"]
+    for r in rows:
+        target = "-" if r["target"] is None else "<= %.2fx" % r["target"]
+        lines.append("| %s | %s | %.1f | %.1f | %.2fx | %s | %s |" % (
+            r["area"], r["case"], r["ours"], r["base"], r["ratio"], target, r["met"]))
+    met = sum(1 for r in rows if r["met"] == "yes")
+    judged = sum(1 for r in rows if r["met"] != "-")
+    lines += ["", "%d of %d targets met." % (met, judged), ""]
+    return "\n".join(lines)
+
+
+def rows_for(pairs, times, emulated=False):
     out = []
     for area, case, ours, base, target in pairs:
         if ours not in times or base not in times:
@@ -62,14 +111,16 @@ def rows_for(pairs, times):
         ratios = [times[ours][i] / times[base][i] for i in range(n)]
         med = statistics.median(ratios)
         met = "-" if target is None else ("yes" if med <= target else "no")
+        if emulated and target is not None:
+            met = "emulated"
         out.append(dict(area=area, case=case, ours=statistics.median(times[ours]),
                         base=statistics.median(times[base]), ratio=med, lo=min(ratios),
                         hi=max(ratios), n=n, target=target, met=met))
     return out
 
 
-def table(arch, rows):
-    lines = ["### %s" % arch, "",
+def table(arch, rows, how):
+    lines = ["### %s, time (%s)" % (arch, how), "",
              "| area | case | ours | baseline | ratio (median) | spread | target | met |",
              "|---|---|---|---|---|---|---|---|"]
     for r in rows:
@@ -78,25 +129,32 @@ def table(arch, rows):
             r["area"], r["case"], fmt_time(r["ours"]), fmt_time(r["base"]), r["ratio"],
             r["lo"], r["hi"], r["n"], target, r["met"]))
     met = sum(1 for r in rows if r["met"] == "yes")
-    judged = sum(1 for r in rows if r["met"] != "-")
-    lines += ["", "%d of %d targets met." % (met, judged), ""]
+    judged = sum(1 for r in rows if r["met"] in ("yes", "no"))
+    if how == "native":
+        lines += ["", "%d of %d targets met." % (met, judged), ""]
+    else:
+        lines += ["", "Run under %s: these times measure the emulator; the targets are judged "
+                  "on the instruction table." % how, ""]
     return "\n".join(lines)
 
 
 def chart_data(results):
-    """One line per case: label, ratio per architecture (or '-'), target."""
-    archs = [a for a, _ in results]
+    """One line per case: label, time ratio per architecture, instruction
+    ratio per architecture (each a number or '-'), target."""
+    archs = [a for a, _, _ in results]
     cases = []
-    for _, rows in results:
-        for r in rows:
+    for _, trows, crows in results:
+        for r in trows + crows:
             if r["case"] not in [c for c, _, _ in cases]:
                 cases.append((r["case"], r["area"], r["target"]))
-    lines = ["# case " + " ".join(archs) + " target"]
+    lines = ["# case " + " ".join("%s-time" % a for a in archs) + " " +
+             " ".join("%s-instructions" % a for a in archs) + " target"]
     for case, area, target in cases:
         vals = []
-        for _, rows in results:
-            hit = [r for r in rows if r["case"] == case]
-            vals.append("%.3f" % hit[0]["ratio"] if hit else "-")
+        for kind in (1, 2):
+            for res in results:
+                hit = [r for r in res[kind] if r["case"] == case]
+                vals.append("%.3f" % hit[0]["ratio"] if hit else "-")
         label = "%s: %s" % (area, case)
         lines.append('"%s" %s %s' % (label, " ".join(vals), "-" if target is None else target))
     return "\n".join(lines) + "\n"
@@ -107,11 +165,17 @@ def main(argv):
         sys.exit(__doc__)
     pairs = read_pairs(argv[1])
     outdir = argv[2]
-    results = []
+    results, parts = [], []
     for arg in argv[3:]:
         arch, rundir = arg.split("=", 1)
-        results.append((arch, rows_for(pairs, read_runs(rundir))))
-    report = "\n".join(table(arch, rows) for arch, rows in results)
+        how = read_exec(rundir)
+        trows = rows_for(pairs, read_runs(rundir), emulated=how != "native")
+        crows = count_rows(pairs, read_counts(rundir))
+        results.append((arch, trows, crows))
+        parts.append(table(arch, trows, how))
+        if crows:
+            parts.append(count_table(arch, crows))
+    report = "\n".join(parts)
     with open(os.path.join(outdir, "report.md"), "w") as f:
         f.write(report)
     with open(os.path.join(outdir, "ratios.dat"), "w") as f:
