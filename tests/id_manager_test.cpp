@@ -107,6 +107,15 @@ TEST(IdManager, KeysOneTo127ThenNoneUntilOneIsFreed)
     EXPECT_EQ(lines(), Lines{inv("id_create_new_table (no more entry)", 0)});
     zel_id_destroy_table(40);
     EXPECT_EQ(zel_id_create_new_table(1, 2, nullptr), 40);
+    // The highest key is a key like any other in every call that takes one.
+    idmgr_id_t top = zel_id_get(&keys, 127);
+    EXPECT_EQ(lookup(top, 127, ID_MGR_RET_OK), &keys);
+    EXPECT_EQ(zel_id_reserve(&keys, 127, top), unsigned(ID_IN_USE));
+    zel_id_delete(top, 127);
+    EXPECT_EQ(lookup(top, 127, ID_MGR_RET_RETIRED), nullptr);
+    EXPECT_TRUE(zel_id_table_set_no_randomize(127) && lines().empty());
+    zel_id_destroy_table(127);
+    EXPECT_EQ(zel_id_create_new_table(1, 2, nullptr), 127);
 }
 
 TEST(IdManager, WrapAroundAndReserveInEveryBranch)

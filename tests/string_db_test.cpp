@@ -168,6 +168,11 @@ TEST(StringDbMatching, CaseInsensitiveRecordsAndExactLookups)
     EXPECT_EQ(add("hELLO", SDB_NO_OWNER, nullptr, folded), hello);
     EXPECT_STREQ(sdb_string_addr_ptr(hello), "Hello");
     EXPECT_EQ(add("abc", SDB_NO_OWNER, nullptr, folded), exact);
+    // Zero blocks of 2 and 3 bytes share a CRC and are still two texts.
+    std::string z2(2, '\0'), z3(3, '\0');
+    sdb_handle h2 = add(z2, SDB_NO_OWNER, nullptr, SDB_BINARY_STRING);
+    EXPECT_NE(add(z3, SDB_NO_OWNER, nullptr, SDB_BINARY_STRING), h2);
+    EXPECT_EQ(add(z2, SDB_NO_OWNER, nullptr, SDB_BINARY_STRING), h2);
 }
 
 TEST(StringDbOwners, OwnersAndAnonymousReferencesShareOneCountedCopy)
