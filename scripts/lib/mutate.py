@@ -6,6 +6,8 @@
       (the same N and K give the same sample while the sources do not change);
   mutate.py apply MUTANTS INDEX SRC_ROOT
       writes mutant INDEX's file into the copy SRC_ROOT (the original first);
+  mutate.py subset MUTANTS RESULTS EQUIVALENT
+      the mutants of an earlier run that it got through;
   mutate.py todo MUTANTS RESULTS
       index, key, file, line, change of each mutant still to run;
   mutate.py report MUTANTS RESULTS
@@ -148,7 +150,7 @@ def gen(args):
     rng = random.Random(args.rng)
     pick = every if args.sample >= len(every) else rng.sample(every, args.sample)
     eq = read_equivalent(args.equivalent)
-    pick.sort(key=lambda m: (m['file'], m['start'], m['repl']))
+    # In random order, so that a run stopped early is still a fair sample.
     with open(args.out, 'w', encoding='utf-8') as f:
         for m in pick:
             m['equivalent'] = eq.get(m['key'])
@@ -168,6 +170,15 @@ def apply(args):
     out = text[:m['start']] + m['repl'].encode() + text[m['end']:]
     with open(os.path.join(args.src, m['file']), 'wb') as f:
         f.write(out)
+
+
+def subset(args):
+    done = {r['key'] for r in load(args.results)}
+    eq = read_equivalent(args.equivalent)
+    for m in load(args.mutants):
+        if m['key'] in done or m['key'] in eq:
+            m['equivalent'] = eq.get(m['key'])
+            print(json.dumps(m))
 
 
 def todo(args):
@@ -248,10 +259,12 @@ def main():
     a.add_argument('mutants'), a.add_argument('index', type=int), a.add_argument('root_orig'), a.add_argument('src')
     r = sub.add_parser('report')
     r.add_argument('mutants'), r.add_argument('results')
+    u = sub.add_parser('subset')
+    u.add_argument('mutants'), u.add_argument('results'), u.add_argument('equivalent')
     t = sub.add_parser('todo')
     t.add_argument('mutants'), t.add_argument('results')
     args = p.parse_args()
-    {'gen': gen, 'apply': apply, 'todo': todo, 'report': report}[args.cmd](args)
+    {'gen': gen, 'subset': subset, 'apply': apply, 'todo': todo, 'report': report}[args.cmd](args)
 
 
 if __name__ == '__main__':
