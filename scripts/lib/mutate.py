@@ -10,7 +10,7 @@
       the mutants of an earlier run that it got through;
   mutate.py todo MUTANTS RESULTS
       index, key, file, line, change of each mutant still to run;
-  mutate.py report MUTANTS RESULTS
+  mutate.py report MUTANTS RESULTS [OTHER_RESULTS]
       per file and in total: valid, caught, surviving, score; the survivors;
       per test case the mutants it catches and those only it catches.
 
@@ -191,8 +191,10 @@ def todo(args):
 def report(args):
     muts = {m['key']: m for m in load(args.mutants)}
     res = {}
+    both = {r['key'] for r in load(args.common)} if args.common else None
     for r in load(args.results):
-        res[r['key']] = r
+        if both is None or r['key'] in both:
+            res[r['key']] = r
     per = collections.OrderedDict()
     catches = collections.defaultdict(set)
     survivors, eqs = [], []
@@ -258,7 +260,7 @@ def main():
     a = sub.add_parser('apply')
     a.add_argument('mutants'), a.add_argument('index', type=int), a.add_argument('root_orig'), a.add_argument('src')
     r = sub.add_parser('report')
-    r.add_argument('mutants'), r.add_argument('results')
+    r.add_argument('mutants'), r.add_argument('results'), r.add_argument('common', nargs='?')
     u = sub.add_parser('subset')
     u.add_argument('mutants'), u.add_argument('results'), u.add_argument('equivalent')
     t = sub.add_parser('todo')
