@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <pthread.h>
 
 #include <vobrel/platform.h>
@@ -15,6 +16,7 @@ static std::string ask_path()
     EXPECT_EQ(vobrel_platform_get_log_store_path(&len, nullptr, &size), VOBREL_PLATFORM_OK);
     std::string buf(static_cast<size_t>(len), '\0');
     const int st = vobrel_platform_get_log_store_path(&len, buf.data(), &size);
+    EXPECT_TRUE(st || buf.size() == strlen(buf.c_str()) + 1); // the length counts the terminator
     return std::to_string(st) + "|" + buf.c_str() + "|" + std::to_string(size);
 }
 
