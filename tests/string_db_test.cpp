@@ -202,49 +202,6 @@ TEST(StringDbOwners, OwnersAndAnonymousReferencesShareOneCountedCopy)
     EXPECT_TRUE((add("anon", 4321, &x) & 3) == 3 && find("anon", 0, 4321) == nullptr);
 }
 
-TEST(StringDbUnconfirmed, FindDropsAnAssociationItsOwnerDoesNotConfirm)
-{
-    ushort n = reg("n", false), u = reg("u", true);
-    Obj a{}, b{}, c{}, lone{};
-    ASSERT_TRUE(add("addr", n, &a) && add("addr", n, &b) && add("addr", n, &c) && add("lonely", u, &lone));
-    c.sdb_handle = lone.sdb_handle = 0; // they no longer report the text
-    EXPECT_EQ(find("addr", 0, n), nullptr);
-    EXPECT_EQ(find("addr", 0, n), &b);
-    a.sdb_handle = b.sdb_handle; // a reports another object's handle
-    // The second find meets only b: no further error.
-    EXPECT_TRUE(find("addr", 1, n) == nullptr && find("addr", 1, n) == nullptr && find("lonely", 0, u) == nullptr);
-    EXPECT_TRUE(sdb_owner_info_array[n].sanity_check_errors == 2 && sdb_owner_info_array[u].sanity_check_errors == 1);
-    EXPECT_EQ(sdb_number_strings, 1u); // "lonely" went with its only owner
-    expect_consistent();
-}
-
-TEST(StringDbRegistration, FreedIdsLoseTheirRecordsAtOnceAndAreReusedLowestFirst)
-{
-    char name[] = "n";
-    ushort id = 7;
-    EXPECT_FALSE(sdb_register_component(nullptr, cb, TRUE, &id) || sdb_register_component(name, nullptr, TRUE, &id) ||
-                 sdb_register_component(name, cb, TRUE, nullptr));
-    EXPECT_TRUE(id == 7 && sdb_max_users == 0);
-    sdb_initialize_subsystem(); // the test component takes id 0
-    for (int i = 1; i <= 4; ++i)
-        EXPECT_EQ(reg("same", i != 3), i); // a name may repeat
-    Obj a{}, b{}, c{}, d{};
-    ASSERT_TRUE(add("gone", 3, &a) && add("gone", 3, &b) && add("kept", 3, &c) && add("kept", 4, &d) && add("kept"));
-    EXPECT_FALSE(sdb_unregister_component(SDB_NO_OWNER, cb) || sdb_unregister_component(5, cb) ||
-                 sdb_unregister_component(3, [](void *) -> sdb_handle { return 0; }) ||
-                 sdb_unregister_component(3, nullptr));
-    ASSERT_TRUE(sdb_unregister_component(3, cb) && sdb_unregister_component(1, cb));
-    EXPECT_FALSE(sdb_unregister_component(3, cb) || add("kept", 3, &a)); // a freed id adds nothing
-    EXPECT_TRUE(sdb_unregister_component(3, nullptr)); // its cleared callback matches; nothing changes
-    EXPECT_EQ(sdb_number_strings, 1u);
-    expect_consistent(); // no record of a freed id is left
-    EXPECT_TRUE(reg("x", true) == 1 && reg("y", false) == 3 && reg("z", false) == 5);
-    EXPECT_TRUE(!sdb_owner_info_array[3].unique && find("kept", 0, 3) == nullptr); // the successor starts clean
-    sdb_string **table = sdb_hash_table;
-    sdb_initialize_subsystem(); // again: same table, the test component once more
-    EXPECT_TRUE(sdb_hash_table == table && sdb_test_owner_id == 6);
-}
-
 TEST(StringDbRegistration, AllIdsTakenClosesRegistrationForGood)
 {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
