@@ -51,7 +51,7 @@ std::string duration(int expired, unsigned long t)
 void time_text(fz::Ops &in)
 {
     int expired = in.pick(3);
-    uint32_t raw = static_cast<uint32_t>(in.i32());
+    uint32_t raw = static_cast<uint32_t>(in.i32()) & 0x7FFFFFFF; // a 32-bit time_t holds it
     unsigned long t = in.flag() ? raw : raw % 2000000;
     size_t len = 1 + in.pick(48);
     std::vector<char> out(len + 4, kCanary);
