@@ -190,6 +190,10 @@ def todo(args):
 
 def report(args):
     muts = {m['key']: m for m in load(args.mutants)}
+    # Judged equivalent since the run: skipped in its report too.
+    for key, why in read_equivalent(os.path.join(os.path.dirname(__file__), '..', 'mutation-equivalent.txt')).items():
+        if key in muts:
+            muts[key]['equivalent'] = why
     res = {}
     both = {r['key'] for r in load(args.common)} if args.common else None
     for r in load(args.results):
