@@ -2,11 +2,14 @@
 // runs in its own process, so environment changes need no undoing.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <pthread.h>
 
 #include <vobrel/platform.h>
+
+#include "support/alloc_fail.h"
 
 // Asks for the path's length, then for the path: "status|path|size", the
 // status that of the second call, the size -7 when none was stored.
@@ -36,6 +39,9 @@ TEST(DefaultPlatform, ThreadGetsItsNameCutAndEndsWithItsExitValue)
     EXPECT_EQ(ret, reinterpret_cast<void *>(42));
     EXPECT_NE(vobrel_xos_thread_create(nullptr, nullptr, body, nullptr, "x", 0), 0);
     EXPECT_NE(vobrel_xos_thread_create(&t, nullptr, nullptr, nullptr, "x", 0), 0);
+    allocfail::fail_all(); // no memory for the start record: no thread
+    EXPECT_EQ(vobrel_xos_thread_create(&t, nullptr, body, name, "x", 0), ENOMEM);
+    allocfail::reset();
 }
 
 TEST(DefaultPlatform, LogStoreFromEnvironmentOrDefaults)
