@@ -1,6 +1,7 @@
-// The string database: the hash, sharing, matching, owners and their finds,
-// registration, growth, and allocation failure at every site. Every case runs
-// in a fresh process, so the database starts without a table in each.
+// The string database beside its model (fuzz/string_db_fuzz.cpp): the hash,
+// bad arguments, set-block, matching, owners, and growth. Allocation failure
+// is swept in alloc_sweep_test. Every case runs in a fresh process, so the
+// database starts without a table in each.
 #include <gtest/gtest.h>
 
 #include <cctype>
@@ -11,7 +12,6 @@
 
 #include <vobrel/string_db.h>
 
-#include "support/alloc_fail.h"
 #include "util/src/string_db_private.h"
 
 using vobrel::detail::sdb_do_crc;
@@ -202,78 +202,3 @@ TEST(StringDbOwners, OwnersAndAnonymousReferencesShareOneCountedCopy)
     EXPECT_TRUE((add("anon", 4321, &x) & 3) == 3 && find("anon", 0, 4321) == nullptr);
 }
 
-TEST(StringDbRegistration, AllIdsTakenClosesRegistrationForGood)
-{
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "65535 reallocations copy the whole array under a sanitizer";
-#endif
-    for (int i = 0; i < 0xFFFF; ++i)
-        ASSERT_EQ(reg("many", false), i);
-    ushort id = 0;
-    EXPECT_FALSE(!sdb_unregister_component(1234, cb) || sdb_register_component(const_cast<char *>("m"), cb, 0, &id));
-    EXPECT_EQ(id, SDB_NO_OWNER);
-}
-
-TEST(StringDbAllocFail, SetUpRegistrationAndSetBlockFailures)
-{
-    sdb_handle h = 0;
-    ushort id = 3;
-    allocfail::fail_all();
-    EXPECT_FALSE(sdb_add_block("t", 1, &h) || sdb_register_component(const_cast<char *>("r"), cb, FALSE, &id));
-    sdb_initialize_subsystem();
-    allocfail::reset();
-    // No table: registration fails before it looks at its arguments.
-    EXPECT_TRUE(sdb_hash_table == nullptr && id == 3 && sdb_max_users == 0);
-    sdb_initialize_subsystem(); // retried
-    ASSERT_TRUE(sdb_test_owner_id == 0 && sdb_set_block("old", 3, SDB_BINARY_STRING, &h));
-    sdb_handle before = h;
-    allocfail::fail_all();
-    EXPECT_FALSE(sdb_register_component(const_cast<char *>("r"), cb, FALSE, &id) ||
-                 sdb_set_block("new", 3, SDB_BINARY_STRING, &h));
-    allocfail::reset();
-    // The old block went before the add failed.
-    EXPECT_TRUE(id == SDB_NO_OWNER && sdb_max_users == 1 && h == 0 && before != 0 && sdb_number_strings == 0);
-    EXPECT_STREQ(sdb_owner_info_array[0].owner_name, "SDB Test Driver Code");
-    EXPECT_TRUE(reg("r", false) == 1);
-}
-
-// Each add of a workload that doubles the table twice meets every allocation
-// failure it can: a failed add changes nothing, a failed growth is survived,
-// and every text stays findable. Sites: owner record, context, text, table.
-TEST(StringDbAllocFail, EveryAllocationOfAGrowingWorkloadFailsCleanly)
-{
-    ushort u = reg("u", true), n = reg("n", false), ids[4] = {SDB_NO_OWNER, u, n, n};
-    constexpr int kTexts = 3000, kOrders[3][4] = {{0, 1, 2, 3}, {1, 0, 2, 3}, {2, 0, 1, 3}};
-    std::vector<Obj> objs(4 * kTexts); // per text: anonymous, unique, two non-unique
-    int failures = 0, growths_failed = 0;
-    for (int i = 0; i < kTexts; ++i) {
-        std::string t = "t" + std::to_string(i);
-        if (i % 2 != 0) // odd texts are created unharmed, so the table does grow
-            objs[4 * i].sdb_handle = add(t);
-        for (int k : kOrders[i / 2 % 3]) // which add creates an even text rotates
-            for (int nth = 0; k != 0 || i % 2 == 0; ++nth, ++failures) {
-                uint32_t strings = sdb_number_strings, adds = sdb_number_adds;
-                allocfail::fail_nth(nth);
-                bool ok = add(t, ids[k], &objs[4 * i + k]) != 0, injected = allocfail::count() > nth;
-                allocfail::reset();
-                growths_failed += ok && injected;
-                if (ok)
-                    break;
-                ASSERT_TRUE(injected && sdb_number_strings == strings && sdb_number_adds == adds) << i << "/" << k;
-            }
-    }
-    // Per text: a unique owner record, a new owner record and its context, a
-    // further context; and for even texts the text record of their creation.
-    EXPECT_EQ(failures, 4 * kTexts + kTexts / 2);
-    EXPECT_TRUE(growths_failed > 0 && sdb_hash_table_size == 1024);
-    expect_consistent();
-    for (int i = 0; i < kTexts; ++i) {
-        std::string t = "t" + std::to_string(i);
-        Obj *o = &objs[4 * i];
-        ASSERT_TRUE(find(t, 0, u) == o + 1 && find(t, 0, n) == o + 3 && find(t, 1, n) == o + 2) << t;
-        for (int k = 0; k < 4; ++k)
-            ASSERT_TRUE(sdb_remove_string(o[k].sdb_handle, &o[k]));
-    }
-    EXPECT_EQ(sdb_number_strings, 0u);
-    expect_consistent();
-}
