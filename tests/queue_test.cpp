@@ -1,6 +1,6 @@
-// Queues: order and links, refusals and their reports, count repair,
-// predecessors, ordered insertion, validation, the queue lock, and locked
-// operations racing on shared queues.
+// Queues beside their model (fuzz/queue_fuzz.cpp): the queue lock held while
+// reporting and comparing, count repair, and locked operations racing on
+// shared queues.
 #include <gtest/gtest.h>
 
 #include <cerrno>
