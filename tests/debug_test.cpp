@@ -79,7 +79,7 @@ INSTANTIATE_TEST_SUITE_P(Levels, DebugStartup, ::testing::Values(
     Startup{"crit", "ERROR", "info", 255, false, "ipc_errors core_errors"},
     Startup{nullptr, "events", "all", 255, false, "ipc_errors ipc core_errors core_events"},
     Startup{nullptr, nullptr, "ALL", 256, false, "core_errors core_events core_all"},
-    Startup{nullptr, nullptr, nullptr, 255, false, ""}));
+    Startup{nullptr, "crit", nullptr, 255, false, ""}));
 
 TEST(DebugLevel, LookupIsCaseBlindBoundedAndFailureLeavesTheLevelAlone)
 {

@@ -1,6 +1,7 @@
-// Lists: the registry, default actions on plain and automatic lists (every
-// refusal, element records accounted for), custom action tables, merge, move,
-// excise and the checked walk step. Every case runs in a fresh process.
+// Lists beside their model (fuzz/list_fuzz.cpp): default actions on plain and
+// automatic lists (every refusal, element records accounted for), custom
+// action tables, merge, move, excise and the checked walk step. Every case
+// runs in a fresh process.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -77,59 +78,6 @@ struct List : ::testing::Test {
 };
 
 } // namespace
-
-TEST(ListModule, NothingIsAllocatedOrRegisteredBeforeSetUp)
-{
-    list_header l;
-    EXPECT_EQ(zel_list_create(&l, 0, "early", 0), nullptr);      // no registry yet
-    EXPECT_EQ(zel_list_create(nullptr, 0, nullptr, 0), nullptr); // no header size yet
-    ASSERT_EQ(zel_list_create(&l, 0, nullptr, LIST_FLAGS_AUTOMATIC), &l);
-    EXPECT_FALSE(list_enqueue(&l, nullptr, &d[1])); // no element size yet
-    zel_memory_list_init();
-    EXPECT_TRUE(list_enqueue(&l, nullptr, &d[1]) && list_dequeue(&l) == &d[1]);
-}
-
-TEST_F(List, RegistryNumbersNamedListsAndDestroyReportsANonEmptyOne)
-{
-    const list_header *q = zel_list_get_listQ();
-    list_header mine;
-    memset(&mine, 0xa5, sizeof mine);
-    list_header *b = zel_list_create(nullptr, 0, "bee", 0xffff), *anon = zel_list_create(nullptr, 0, nullptr, 0);
-    ASSERT_TRUE(b && anon && zel_list_create(&mine, 7, "mine", 0xffff) == &mine);
-    EXPECT_EQ((std::vector<uint32_t>{q->ID, b->ID, anon->ID, mine.ID, zel_list_get_list_ID()}),
-              (std::vector<uint32_t>{0, 1, 2, 3, 4}));
-    EXPECT_TRUE(q->flags == (LIST_FLAGS_INTERRUPT_SAFE | LIST_FLAGS_VALID) && b->flags == 0xff0f &&
-                mine.flags == 0xff0d && mine.maximum == 7);
-    EXPECT_TRUE(!mine.context && mine.info == list_info_default && mine.action == &list_action_vectors_default);
-    EXPECT_STREQ(anon->name, "(unknown)");
-    EXPECT_EQ(contents(q), (V{b, &mine})); // headers as data; unnamed lists stay off
-    // User bits only, whatever else is asked for.
-    EXPECT_TRUE(zel_list_clear_flags_user(b, 0x10ff) == 0xef00 && b->flags == 0xef0f);
-    EXPECT_TRUE(zel_list_set_flags_user(anon, 0x2007) == 0x2000 && zel_list_get_flags_user(anon, 0xf0ff) == 0x2000);
-
-    list_element e{};
-    ASSERT_TRUE(list_enqueue(&mine, &e, &d[0]));
-    zel_list_destroy(b);
-    EXPECT_EQ(contents(q), V{&mine});
-    zel_list_destroy(&mine);
-    char want[128];
-    snprintf(want, sizeof want, "%%SYS-3-BADLIST_DESTROY:Removed a non-empty list(%x, name: mine), having 1 elements",
-             static_cast<unsigned>(reinterpret_cast<uintptr_t>(&mine)));
-    ASSERT_EQ(fake::syslog_lines().size(), 1u);
-    EXPECT_EQ(fake::syslog_lines()[0].line, want);
-    EXPECT_TRUE(mine.flags == 0 && unlinked(mine.element) && q->count == 0 && e.list == &mine); // element left
-    zel_list_destroy(anon);
-    zel_list_destroy(nullptr);
-
-    // A fresh registry counts from 0 again; lists registered before leave it alone.
-    list_header *old = zel_list_create(nullptr, 0, "old", 0);
-    zel_list_init();
-    list_header *fresh = zel_list_create(nullptr, 0, "fresh", 0);
-    ASSERT_TRUE(old && fresh && fresh->ID == 1);
-    zel_list_destroy(old);
-    EXPECT_EQ(contents(q), V{fresh});
-    zel_list_destroy(fresh);
-}
 
 TEST_F(List, FailedCreateReleasesTheHeaderItAllocated)
 {

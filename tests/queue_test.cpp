@@ -1,6 +1,6 @@
-// Queues: order and links, refusals and their reports, count repair,
-// predecessors, ordered insertion, validation, the queue lock, and locked
-// operations racing on shared queues.
+// Queues beside their model (fuzz/queue_fuzz.cpp): the queue lock held while
+// reporting and comparing, count repair, and locked operations racing on
+// shared queues.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -100,42 +100,6 @@ TEST(Queue, TwinsKeepOrderRefuseMisuseAndRepairCounts)
     }
 }
 
-TEST(Queue, PredecessorsAndSwap)
-{
-    queuetype q{};
-    Elem a{}, b{}, c{}, d{}, x{};
-    // The header on an empty queue, after the tail, in the middle, and null: requeue.
-    EXPECT_TRUE(zel_insqueue(&q, &b, &q) && zel_insqueue(&q, &d, &b) && zel_insqueue(&q, &c, &b) &&
-                zel_insqueue(&q, &a, nullptr));
-    EXPECT_FALSE(zel_insqueue(&q, &d, &a) || zel_insqueue(&q, &c, nullptr));
-    // Not the head, not its predecessor, no element; then a missing one to swap.
-    EXPECT_FALSE(zel_remqueue(&q, &b, nullptr) || zel_remqueue(&q, &c, &a) || zel_remqueue(&q, nullptr, &a));
-    EXPECT_FALSE(zel_p_swapqueue(&q, &x, &x));
-    expect_queue(q, {&a, &b, &c, &d});
-    EXPECT_EQ(lines(), (Lines{rep(kLinked, "insqueue", &d, &q), rep(kLinked, "requeue", &c, &q),
-                              rep(kLinked, "remqueue", &b, &q), rep(kLinked, "remqueue", &c, &q),
-                              rep(kLinked, "remqueue", nullptr, &q), rep(kNotq, "swapqueue", &x, &q)}));
-    EXPECT_TRUE(zel_p_swapqueue(&q, &x, &d) && zel_p_swapqueue(&q, &b, &b)); // the tail; itself: no change
-    expect_queue(q, {&a, &b, &c, &x});
-    EXPECT_EQ(zel_remqueue(&q, &x, &c), &x); // the tail: its predecessor takes over
-    EXPECT_TRUE(zel_remqueue(&q, &a, &q) == &a && zel_remqueue(&q, &b, nullptr) == &b); // via the header; null
-    EXPECT_TRUE(!a.next && !b.next && !d.next && !x.next);
-    // None after the tail, then the tail.
-    EXPECT_TRUE(zel_enqueue(&q, &a) && zel_enqueue(&q, &b) && zel_unqueuenext(&q, &b) && zel_unqueuenext(&q, &a));
-    expect_queue(q, {&c, &a});
-    EXPECT_TRUE(zel_p_unqueuenext(&q, &q) && zel_unqueuenext(&q, &q) && zel_unqueuenext(&q, &q));
-    expect_queue(q, {});
-    for (bool next : {true, false}) { // count repair, under these operations' names
-        q = {&a, &a, 0, 1};
-        EXPECT_TRUE(next ? zel_unqueuenext(&q, &q) : zel_remqueue(&q, &a, &q) == &a);
-    }
-    q = {&a, &a, 0, 3}; // silently, and only what is there
-    EXPECT_FALSE(zel_p_check_and_unqueue(&q, &b) || zel_checkqueue(&q, &b) || zel_checkqueue(nullptr, &a));
-    EXPECT_TRUE(zel_checkqueue(&q, &a) && zel_p_check_and_unqueue(&q, &a) == &a);
-    expect_queue(q, {});
-    EXPECT_EQ(lines(), (Lines{rep(kQcount, "p_unqueuenext", &q), rep(kQcount, "remqueue", &q)}));
-}
-
 TEST(Queue, OrderedInsertion)
 {
     Elem e[7] = {{nullptr, 3}, {nullptr, 1}, {nullptr, 2}, {nullptr, 1}, {nullptr, 3}, {nullptr, 2}, {nullptr, 0}};
@@ -156,36 +120,6 @@ TEST(Queue, OrderedInsertion)
     expect_queue(empty, {});
     EXPECT_EQ(lines(), Lines{rep(kLinked, "enqueue", &h, &empty)});
     EXPECT_EQ(lock_seen, std::vector<int>(2, EBUSY));
-}
-
-TEST(Queue, InitValidationIncludingALoopAndNoAllocation)
-{
-    Elem c{}, b{&c, 0}, a{&b, 0}, x{}, y{};
-    queuetype q{&a, &c, 2, 7};
-    EXPECT_FALSE(zel_queue_init(&q, -1) || zel_queue_init(nullptr, 3));
-    EXPECT_TRUE(q.qhead == &a && q.count == 2 && q.maximum == 7);
-    for (int count : {3, 2, 4, -1}) { // against a chain of three; the tail is not examined
-        q = {&a, &a, count, 0};
-        EXPECT_EQ(zel_validqueue(&q, TRUE), count == 3);
-    }
-    c.next = &a; // a loop
-    q.count = 100000;
-    EXPECT_FALSE(zel_validqueue(&q, TRUE));
-    EXPECT_EQ(lines(), (Lines{rep(kLinked, "validqueue", &c, &q), rep(kLinked, "validqueue", nullptr, &q),
-                              rep(kLinked, "validqueue", nullptr, &q), rep(kLinked, "validqueue", &b, &q)}));
-    a.next = b.next = c.next = nullptr;
-    allocfail::count_from_now();
-    // The limit stops no enqueue; the queries, the full test and validation see it.
-    bool ok = zel_queue_init(&q, 1) && zel_enqueue(&q, &a) && zel_requeue(&q, &b) && queuefull_inline(&q) &&
-              zel_queryqueuedepth(&q) == 2 && zel_queryqueuesize(&q) == 1 && zel_peekqueuehead(&q) == &b &&
-              queuepeekhead_inline(&q) == &b && zel_peekqueuetail(&q) == &a && queueget_next_inline(&b) == &a &&
-              !zel_validqueue(&q, FALSE) && zel_queue_insert_comp(&q, &x, by_key) && zel_p_swapqueue(&q, &y, &x) &&
-              zel_unqueue(&q, &a) && zel_insqueue(&q, &a, &q) && zel_remqueue(&q, &a, nullptr) &&
-              zel_unqueuenext(&q, &q) && zel_p_check_and_unqueue(&q, &y) && !zel_dequeue(&q);
-    int n = allocfail::count();
-    allocfail::reset();
-    EXPECT_TRUE(ok && n == 0) << n;
-    EXPECT_TRUE(lines().empty());
 }
 
 // Threads move elements between shared queues with the locked operations only.

@@ -1,4 +1,5 @@
-// Soak: the thread-facing operations hammered from many threads for a while,
+// Soak: the thread-facing operations hammered from many threads for a while
+// (the queues' own threaded cases are in queue_test and watched_test),
 // everything counted afterwards. Worth most under the thread sanitizer. Each
 // case runs for VOBREL_SOAK_SECONDS (default 2) seconds.
 #include <gtest/gtest.h>
@@ -6,14 +7,12 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <map>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <vobrel/errmsg.h>
 #include <vobrel/logger.h>
-#include <vobrel/queue.h>
 #include <vobrel/watched.h>
 
 #include "support/fake_platform.h"
@@ -33,70 +32,7 @@ Clock::time_point deadline()
     return Clock::now() + std::chrono::milliseconds(static_cast<long>(soak_seconds() * 1000));
 }
 
-struct Item {
-    void *next; // the link word
-    int producer;
-    int seq;
-};
-
-// Producers until the deadline, then a sentinel from the test thread; the
-// consumer follows the documented wait / drain pattern and checks each
-// producer's items arrive once and in order.
-void soak_queue(bool data)
-{
-    constexpr int kProducers = 3;
-    watched_queue *wq = create_watched_queue("soak", 0, 64);
-    ASSERT_TRUE(wq);
-    const auto end = deadline();
-    std::atomic<long> refused{0};
-    std::vector<int> produced(kProducers, 0), next(kProducers, 0);
-    Item sentinel{nullptr, -1, 0};
-    long consumed = 0, disorder = 0;
-    std::thread consumer([&] {
-        for (bool done = false; !done;) {
-            process_wait_on_queue(wq);
-            while (auto *it = static_cast<Item *>(data ? process_data_dequeue(wq) : process_dequeue(wq))) {
-                if (it == &sentinel) {
-                    done = true;
-                    continue;
-                }
-                disorder += it->seq != next[it->producer]++;
-                ++consumed;
-                delete it;
-            }
-        }
-    });
-    std::vector<std::thread> producers;
-    for (int p = 0; p < kProducers; ++p)
-        producers.emplace_back([&, p] {
-            for (int seq = 0; Clock::now() < end; ++seq) {
-                auto *it = new Item{nullptr, p, seq};
-                while (!(data ? process_data_enqueue(wq, it) : process_enqueue(wq, it))) { // full
-                    ++refused;
-                    std::this_thread::yield();
-                }
-                produced[p] = seq + 1;
-            }
-        });
-    for (auto &t : producers)
-        t.join();
-    while (!(data ? process_data_enqueue(wq, &sentinel) : process_enqueue(wq, &sentinel)))
-        std::this_thread::yield();
-    consumer.join();
-    long total = 0;
-    for (int p = 0; p < kProducers; ++p) {
-        EXPECT_EQ(next[p], produced[p]) << p;
-        total += produced[p];
-    }
-    EXPECT_TRUE(consumed == total && disorder == 0 && wq->event_count == 0 && !wq->eventQ.qhead);
-    std::printf("soak %s queue: %ld items, %ld refusals while full\n", data ? "data" : "plain", total, refused.load());
-    EXPECT_TRUE(delete_watched_queue(&wq));
-}
-
 } // namespace
-
-TEST(Soak, WatchedQueuePlainPair) { soak_queue(false); }
-TEST(Soak, WatchedQueueDataPair) { soak_queue(true); }
 
 // Rounds of four waiters and one setter. Every waiter returns; each FALSE is a
 // time-out, and each time-out is logged once.
@@ -213,55 +149,4 @@ TEST(Soak, EightThreadsLogAndReport)
         raised += w / 4;
     EXPECT_EQ(static_cast<long>(fake::syslog_lines().size()), raised);
     std::printf("soak log: %zu records, %ld raised\n", records.size(), raised);
-}
-
-// Locked operations moving a fixed population between two queues from many
-// threads: at the end every item is on exactly one queue, both valid.
-TEST(Soak, LockedQueueOperationsFromManyThreads)
-{
-    constexpr int kItems = 256;
-    queuetype q[2];
-    ASSERT_TRUE(zel_queue_init(&q[0], 2 * kItems) && zel_queue_init(&q[1], 2 * kItems));
-    std::vector<Item> items(kItems);
-    for (auto &it : items)
-        ASSERT_TRUE(zel_enqueue(&q[0], &it));
-    const auto end = deadline();
-    std::atomic<long> moves{0}, lost_races{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 6; ++t)
-        threads.emplace_back([&, t] {
-            for (long n = 0; Clock::now() < end; ++n) {
-                queuetype &from = q[(t + n) & 1], &to = q[(t + n + 1) & 1];
-                auto *it = static_cast<Item *>(zel_dequeue(&from));
-                if (!it)
-                    continue;
-                // Now and then back to the head, or out and in again by
-                // unqueue, which may lose the item to another thread's
-                // dequeue: that is reported as not on the queue.
-                const bool ok = n % 3 == 0 ? zel_requeue(&to, it) : zel_enqueue(&to, it);
-                if (ok && n % 5 == 0) {
-                    if (zel_unqueue(&to, it))
-                        zel_enqueue(&to, it);
-                    else
-                        ++lost_races;
-                }
-                moves += ok;
-                EXPECT_TRUE(ok);
-            }
-        });
-    for (auto &t : threads)
-        t.join();
-    std::map<void *, int> seen;
-    for (auto &qq : q) {
-        EXPECT_TRUE(zel_validqueue(&qq, FALSE));
-        for (void *p = qq.qhead; p; p = static_cast<Item *>(p)->next)
-            ++seen[p];
-    }
-    EXPECT_EQ(seen.size(), static_cast<size_t>(kItems));
-    EXPECT_EQ(q[0].count + q[1].count, kItems);
-    const auto lines = fake::syslog_lines();
-    EXPECT_EQ(static_cast<long>(lines.size()), lost_races.load());
-    for (const auto &l : lines)
-        EXPECT_EQ(l.line.rfind("%SYS-2-NOTQ:", 0), 0u) << l.line;
-    std::printf("soak locked queues: %ld moves, %ld unqueues lost to a dequeue\n", moves.load(), lost_races.load());
 }

@@ -9,6 +9,8 @@ VOBREL_PKGS_TEST=(cmake ninja-build g++ g++-multilib clang libclang-rt-14-dev go
                   lintian dpkg-dev man-db groff-base qemu-user)
 VOBREL_PKGS_BENCH=(cmake ninja-build g++ g++-multilib libbenchmark-dev libglib2.0-dev pkg-config
                    python3 gnuplot-nox)
+# Mutation testing (scripts/mutation): libclang's Python module reads the syntax tree.
+VOBREL_PKGS_MUTATION=(cmake ninja-build g++ python3 python3-clang)
 # Packages of the target architecture, installed beside the host's ones.
 VOBREL_PKGS_BENCH_I386=(libbenchmark-dev:i386)
 

@@ -218,7 +218,7 @@ void check(Model &s, int q, int probe)
     require(h.count == s.count[q] && zel_queryqueuedepth(&h) == s.count[q]);
     require(zel_queryqueuesize(&h) == h.maximum && zel_peekqueuehead(&h) == h.qhead && zel_peekqueuetail(&h) == h.qtail);
     require(queuefull_inline(&h) == (h.maximum != 0 && s.count[q] >= h.maximum));
-    require(zel_checkqueue(&h, &s.el[probe]) == (s.where[probe] == q));
+    require(zel_checkqueue(&h, &s.el[probe]) == (s.where[probe] == q) && !zel_checkqueue(nullptr, &s.el[probe]));
     for (int i = 0; i < kElems; ++i)
         require(s.where[i] >= 0 || s.el[i].next == nullptr);
 }

@@ -51,8 +51,9 @@ std::string duration(int expired, unsigned long t)
 void time_text(fz::Ops &in)
 {
     int expired = in.pick(3);
-    uint32_t raw = static_cast<uint32_t>(in.i32());
-    unsigned long t = in.flag() ? raw : raw % 2000000;
+    uint32_t raw = static_cast<uint32_t>(in.i32()) & 0x7FFFFFFF; // a 32-bit time_t holds it
+    // Any time, a short one, or one just short of whole days (the carries).
+    unsigned long t = in.flag() ? raw : in.flag() ? raw % 2000000 : (raw % 16 + 1) * 86400 - raw / 16 % 300;
     size_t len = 1 + in.pick(48);
     std::vector<char> out(len + 4, kCanary);
     vobrel_convert_time_to_string(static_cast<boolean>(expired), static_cast<time_t>(t), out.data(), len);

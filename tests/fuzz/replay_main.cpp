@@ -1,0 +1,80 @@
+// A model target as an ordinary test program, for builds without libFuzzer:
+// replays the committed corpus, then a fixed number of random inputs from a
+// fixed rng start value, through LLVMFuzzerTestOneInput.
+//   <target>_model CORPUS_DIR [RANDOM_INPUTS [RNG_START]]
+// A difference from the model traps; the input's name is printed first.
+#include <dirent.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
+
+namespace {
+
+char current[512];
+
+void say_input(int sig)
+{
+    ssize_t r = write(2, current, strlen(current));
+    (void)r;
+    signal(sig, SIG_DFL);
+    raise(sig);
+}
+
+void run(const std::vector<uint8_t> &in)
+{
+    LLVMFuzzerTestOneInput(in.data(), in.size());
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc < 2)
+        return fprintf(stderr, "usage: %s CORPUS_DIR [RANDOM_INPUTS [RNG_START]]\n", argv[0]), 2;
+    for (int sig : {SIGILL, SIGTRAP, SIGSEGV, SIGABRT, SIGBUS, SIGFPE})
+        signal(sig, say_input);
+    std::vector<std::string> names;
+    if (DIR *d = opendir(argv[1])) {
+        while (dirent *e = readdir(d))
+            if (e->d_name[0] != '.')
+                names.push_back(e->d_name);
+        closedir(d);
+    }
+    std::sort(names.begin(), names.end());
+    for (const std::string &n : names) {
+        std::string path = std::string(argv[1]) + "/" + n;
+        snprintf(current, sizeof current, "failed on corpus input %s\n", path.c_str());
+        std::vector<uint8_t> in;
+        if (FILE *f = fopen(path.c_str(), "rbe")) {
+            for (int c; (c = getc(f)) != EOF;)
+                in.push_back(static_cast<uint8_t>(c));
+            fclose(f);
+        }
+        run(in);
+    }
+    unsigned long count = argc > 2 ? strtoul(argv[2], nullptr, 0) : 2000;
+    uint64_t x = argc > 3 ? strtoull(argv[3], nullptr, 0) : 1;
+    auto next = [&x] { // xorshift64*; never 0
+        x ^= x >> 12, x ^= x << 25, x ^= x >> 27;
+        return static_cast<uint32_t>((x * 0x2545F4914F6CDD1DULL) >> 32);
+    };
+    x = x ? x : 1;
+    for (unsigned long i = 0; i < count; ++i) {
+        snprintf(current, sizeof current, "failed on random input %lu (rng start %s)\n", i, argc > 3 ? argv[3] : "1");
+        std::vector<uint8_t> in(next() % 513);
+        for (uint8_t &b : in)
+            b = static_cast<uint8_t>(next());
+        run(in);
+    }
+    printf("%zu corpus inputs and %lu random inputs agree with the model\n", names.size(), count);
+    return 0;
+}
