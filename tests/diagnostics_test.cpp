@@ -42,7 +42,7 @@ TEST(CatalogueReport, EveryCallReportsAndTheLimiterIsNeverTouched)
     EXPECT_TRUE(msg_SYS_NOELEMENT.limiter->rate_limit == 10 && msg_SYS_NOELEMENT.limiter->last_time == 0);
 }
 
-TEST(CatalogueReport, LongTextReachesSyslogWholeAndTheLogCutTo199)
+TEST(CatalogueReport, LongTextReachesSyslogWholeOrCutWithoutMemoryAndTheLogCut)
 {
     vobrel_write_to_log(nullptr, 0, "warm-up"); // the log file's own allocations
     // One exact heap buffer; from 199 bytes on, a second one for the full text.
@@ -57,11 +57,6 @@ TEST(CatalogueReport, LongTextReachesSyslogWholeAndTheLogCutTo199)
         EXPECT_EQ(fake::take_syslog_texts(), Lines{"%TST-5-TEXT:" + text}) << n;
         EXPECT_EQ(fake::log_messages().back(), text.substr(0, 199)) << n;
     }
-}
-
-TEST(CatalogueReport, WithoutMemoryTheSyslogLineIsCutTo199)
-{
-    vobrel_write_to_log(nullptr, 0, "warm-up"); // the log file's own allocations
     // No output buffer; no buffer for the full text; a short text with no memory at all.
     for (int nth : {0, 1, -1}) {
         const std::string text = nth < 0 ? "short" : std::string(250, 'c');
@@ -73,7 +68,7 @@ TEST(CatalogueReport, WithoutMemoryTheSyslogLineIsCutTo199)
     }
 }
 
-TEST(DebugOutput, PrefixAndLeadingWhiteSpaceSkipped)
+TEST(DebugOutput, PrefixedShortTextsOnTheStackLongOnesOnTheHeapOrCutTo195)
 {
     buginf("\nabc");
     buginf(" \t\n%d-%s", 7, "x");
@@ -82,10 +77,7 @@ TEST(DebugOutput, PrefixAndLeadingWhiteSpaceSkipped)
     testing::internal::CaptureStdout();
     xos_print_debug("50% %s\n");
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "50% %s\n");
-}
-
-TEST(DebugOutput, ShortTextsUseTheStackLongOnesTheHeapOrTheFirst195Bytes)
-{
+    fake::clear_recordings();
     for (size_t n : {100u, 194u, 195u, 300u}) {
         std::string text(n, 'd');
         text[0] = 'A';
