@@ -28,10 +28,7 @@ template <class C, class V> size_t index_of(const C &c, const V &v)
     return static_cast<size_t>(std::find(c.begin(), c.end(), v) - c.begin());
 }
 
-template <class C, class V> bool has(const C &c, const V &v)
-{
-    return index_of(c, v) < c.size();
-}
+template <class C, class V> bool has(const C &c, const V &v) { return index_of(c, v) < c.size(); }
 
 // What a dequeue must return: the model's front, taken off, or null when empty.
 template <class D> typename D::value_type take_front(D &m)

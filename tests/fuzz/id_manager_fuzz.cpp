@@ -31,15 +31,8 @@ struct Model {
 constexpr unsigned kNoKey = 0xFFFF;
 
 // The (slot, index) an identifier names.
-Pos pos_of(idmgr_id_t id)
-{
-    return {(id - 1) >> 16 & 0xFF, (id - 1) & 0xFFFF};
-}
-
-Table new_table(unsigned slots, unsigned per)
-{
-    return Table{slots, per, false, std::vector<std::vector<Entry>>(slots), {}};
-}
+Pos pos_of(idmgr_id_t id) { return {(id - 1) >> 16 & 0xFF, (id - 1) & 0xFFFF}; }
+Table new_table(unsigned slots, unsigned per) { return {slots, per, false, std::vector<std::vector<Entry>>(slots), {}}; }
 
 void bad(Model &m, const char *where, unsigned id)
 {

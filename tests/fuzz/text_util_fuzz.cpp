@@ -1,6 +1,7 @@
 // The text utilities against plain reference code: bounded copy, length
 // test, duration text and delimiter splitting, each with canaries behind the
 // caller's buffer.
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -19,8 +20,7 @@ constexpr char kCanary = '\x5a';
 void require_written(const std::vector<char> &buf, const std::string &want, size_t len)
 {
     require(memcmp(buf.data(), want.c_str(), want.size() + 1) == 0);
-    for (size_t i = len; i < buf.size(); ++i)
-        require(buf[i] == kCanary);
+    require(std::all_of(buf.begin() + static_cast<long>(len), buf.end(), [](char c) { return c == kCanary; }));
 }
 
 void copy(fz::Ops &in)
