@@ -1,6 +1,5 @@
 // Data queues, and watched queues used from one thread, against std::deque
 // models. Data are small integers cast to pointers (0 is a null datum).
-#include <algorithm>
 #include <deque>
 
 #include <vobrel/data_queue.h>
@@ -10,6 +9,7 @@
 
 namespace {
 
+using fz::has;
 using fz::require;
 using Data = std::deque<void *>;
 struct Elem { Elem *next; };
@@ -35,11 +35,6 @@ void visit(void *d)
         require(zel_data_unqueue(walk_queue, d) == d);
 }
 
-void erase_first(Data &m, void *d)
-{
-    m.erase(std::find(m.begin(), m.end(), d));
-}
-
 void put(Model &s, void *d, bool at_head)
 {
     bool full = s.q.maximum != 0 && static_cast<int>(s.m.size()) >= s.q.maximum;
@@ -53,21 +48,16 @@ void data_step(Model &s, int op, void *d, bool flag, int arg)
 {
     switch (op) {
     case 0: case 1: put(s, d, op == 1); break;
-    case 2: {
-        void *got = zel_data_dequeue(&s.q);
-        require(got == (s.m.empty() ? nullptr : s.m.front()));
-        if (!s.m.empty())
-            s.m.pop_front();
-        break;
-    }
+    case 2: require(zel_data_dequeue(&s.q) == fz::take_front(s.m)); break;
     case 3: {
-        bool in = std::find(s.m.begin(), s.m.end(), d) != s.m.end();
-        require(zel_data_unqueue(flag ? &s.q : nullptr, d) == (flag && in ? d : nullptr));
-        if (flag && in)
-            erase_first(s.m, d);
+        size_t at = fz::index_of(s.m, d);
+        bool in = flag && at < s.m.size();
+        require(zel_data_unqueue(flag ? &s.q : nullptr, d) == (in ? d : nullptr));
+        if (in)
+            s.m.erase(s.m.begin() + static_cast<long>(at));
         break;
     }
-    case 4: require(zel_data_isinqueue(&s.q, d) == (std::find(s.m.begin(), s.m.end(), d) != s.m.end())); break;
+    case 4: require(zel_data_isinqueue(&s.q, d) == has(s.m, d)); break;
     case 5: {
         walked.clear();
         walk_removes = flag;
@@ -98,15 +88,10 @@ void watched_step(Model &s, int op, void *d, int i)
             s.md.push_back(d);
         break;
     }
-    case 1: {
-        require(process_data_dequeue(s.wd) == (s.md.empty() ? nullptr : s.md.front()));
-        if (!s.md.empty())
-            s.md.pop_front();
-        break;
-    }
+    case 1: require(process_data_dequeue(s.wd) == fz::take_front(s.md)); break;
     case 2: {
         Elem *e = &s.el[i];
-        bool linked = std::find(s.mp.begin(), s.mp.end(), e) != s.mp.end();
+        bool linked = has(s.mp, e);
         bool full = s.wp->eventQ.maximum && static_cast<int>(s.mp.size()) >= s.wp->eventQ.maximum;
         require(process_enqueue(s.wp, e) == (!linked && !full));
         if (!linked && !full)
@@ -115,12 +100,7 @@ void watched_step(Model &s, int op, void *d, int i)
             s.want.push_back(fz::fmt("%%SYS-2-LINKED:Bad %s of %x in queue %x", "enqueue", fz::hex(e), fz::hex(&s.wp->eventQ)));
         break;
     }
-    case 3: {
-        require(process_dequeue(s.wp) == (s.mp.empty() ? nullptr : s.mp.front()));
-        if (!s.mp.empty())
-            s.mp.pop_front();
-        break;
-    }
+    case 3: require(process_dequeue(s.wp) == fz::take_front(s.mp)); break;
     default:
         if (!s.md.empty())
             process_wait_on_queue(s.wd); // items pending: returns at once

@@ -2,6 +2,7 @@
 // arguments, and the reports the library raised, as texts.
 #pragma once
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
@@ -19,6 +20,24 @@ inline void require(bool ok)
 {
     if (!ok)
         __builtin_trap();
+}
+
+// Where v first stands in c; c.size() when it is not there.
+template <class C, class V> size_t index_of(const C &c, const V &v)
+{
+    return static_cast<size_t>(std::find(c.begin(), c.end(), v) - c.begin());
+}
+
+template <class C, class V> bool has(const C &c, const V &v) { return index_of(c, v) < c.size(); }
+
+// What a dequeue must return: the model's front, taken off, or null when empty.
+template <class D> typename D::value_type take_front(D &m)
+{
+    if (m.empty())
+        return nullptr;
+    auto v = m.front();
+    m.pop_front();
+    return v;
 }
 
 // The input, consumed front to back; past its end every read gives 0.

@@ -30,6 +30,10 @@ struct Model {
 };
 constexpr unsigned kNoKey = 0xFFFF;
 
+// The (slot, index) an identifier names.
+Pos pos_of(idmgr_id_t id) { return {(id - 1) >> 16 & 0xFF, (id - 1) & 0xFFFF}; }
+Table new_table(unsigned slots, unsigned per) { return {slots, per, false, std::vector<std::vector<Entry>>(slots), {}}; }
+
 void bad(Model &m, const char *where, unsigned id)
 {
     m.want.push_back(fz::fmt("%%IDMGR-3-INVALID_ID:bad id in %s (id: 0x%X)", where, id));
@@ -74,7 +78,7 @@ void create(Model &m, unsigned slots, unsigned per)
     if (k == kNoKey)
         return bad(m, "id_create_new_table (no more entry)", 0);
     require(k >= 1 && k <= 127 && !table(m, k));
-    m.t[k] = Table{slots, per, false, std::vector<std::vector<Entry>>(slots), {}};
+    m.t[k] = new_table(slots, per);
 }
 
 void get(Model &m, unsigned key, void *p)
@@ -86,7 +90,7 @@ void get(Model &m, unsigned key, void *p)
         return bad(m, key > 127 ? "id_get (bad table id)" : "id_get (unassigned table id)", 0);
     }
     if (!t)
-        t = &(m.t[0] = Table{32, 1024, false, std::vector<std::vector<Entry>>(32), {}});
+        t = &(m.t[0] = new_table(32, 1024));
     if (t->freeq.empty()) {
         unsigned slot = 0;
         while (slot < t->slots && !t->s[slot].empty())
@@ -171,8 +175,7 @@ void del(Model &m, unsigned key, idmgr_id_t id)
     e->seq = t.norand ? (e->seq + 1) & 0x7F : uint8_t(e->seq + 1);
     e->used = false;
     e->p = nullptr;
-    unsigned v = id - 1;
-    t.freeq.push_back({v >> 16 & 0xFF, v & 0xFFFF});
+    t.freeq.push_back(pos_of(id));
 }
 
 // Scans slot `s` of `t` over [from, to) for an entry in use.
@@ -188,11 +191,11 @@ bool scan(const Table &t, unsigned s, unsigned from, unsigned to, Pos *hit)
 
 bool walk_model(const Table &t, idmgr_id_t id, Pos *hit, bool *wrapped)
 {
-    unsigned last = t.slots - 1, v = id - 1;
+    unsigned last = t.slots - 1;
     Pos stop{last, t.per - 1}, start{0, 0};
     *wrapped = false;
     if (id != 0) {
-        stop = {v >> 16 & 0xFF, v & 0xFFFF};
+        stop = pos_of(id);
         start = {stop.first, stop.second + 1};
         if (start.second >= t.per)
             start = {start.first + 1, 0};

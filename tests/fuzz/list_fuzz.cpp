@@ -4,7 +4,6 @@
 // list a std::deque of data (small integers as pointers) and, for a plain list,
 // of the pool records that carry them. The registry holds the named lists in
 // creation order.
-#include <algorithm>
 #include <deque>
 
 #include <vobrel/list.h>
@@ -58,10 +57,8 @@ void create(Model &m, int i, fz::Ops &in)
 void destroy(Model &m, int i)
 {
     L &l = m.l[i];
-    while (l.automatic && !l.data.empty()) { // an automatic list's records are its own
-        require(list_dequeue(l.h) == l.data.front());
-        l.data.pop_front();
-    }
+    while (l.automatic && !l.data.empty()) // an automatic list's records are its own
+        require(list_dequeue(l.h) == fz::take_front(l.data));
     if (!l.data.empty())
         m.want.push_back(fz::fmt("%%SYS-3-BADLIST_DESTROY:Removed a non-empty list(%x, name: %s), having %lu elements",
                                  fz::hex(l.h), l.named ? "fuzz" : "(unknown)", static_cast<unsigned long>(l.data.size())));
@@ -108,19 +105,13 @@ void take_at(Model &m, L &l, size_t pos)
     }
 }
 
-size_t pos_of(L &l, int e)
-{
-    return static_cast<size_t>(std::find(l.elems.begin(), l.elems.end(), e) - l.elems.begin());
-}
-
 void remove(Model &m, int i, int e, int v, bool by_elem)
 {
     L &l = m.l[i];
     if (l.automatic)
         by_elem = false; // its records are not the caller's to name
     void *got = list_remove(l.h, by_elem ? &m.pool[e] : nullptr, datum(v));
-    size_t pos = by_elem ? (m.where[e] == i ? pos_of(l, e) : l.data.size())
-                         : static_cast<size_t>(std::find(l.data.begin(), l.data.end(), datum(v)) - l.data.begin());
+    size_t pos = by_elem ? (m.where[e] == i ? fz::index_of(l.elems, e) : l.data.size()) : fz::index_of(l.data, datum(v));
     bool found = pos < l.data.size() && (by_elem || v != 0);
     require(got == (found ? l.data[pos] : nullptr));
     if (found)
@@ -151,7 +142,7 @@ void move(Model &m, int to, int e)
     if (from < 0)
         return;
     L &f = m.l[from];
-    size_t pos = pos_of(f, e);
+    size_t pos = fz::index_of(f.elems, e);
     void *d = f.data[pos];
     take_at(m, f, pos);
     m.l[to].data.push_back(d);
@@ -185,7 +176,7 @@ void check(Model &m)
     const list_header *reg = zel_list_get_listQ();
     require(reg->count == named.size());
     for (list_element *e = reg->head; e; e = e->next)
-        require(std::find(named.begin(), named.end(), e->data) != named.end());
+        require(fz::has(named, e->data));
     for (int e = 0; e < kPool; ++e)
         require(m.where[e] >= 0 || (!m.pool[e].list && !m.pool[e].next && !m.pool[e].prev));
 }
@@ -196,19 +187,16 @@ void step(Model &m, fz::Ops &in)
     L &l = m.l[i];
     switch (op) {
     case 0: case 1: case 2: add(m, i, e, v, op); break;
-    case 3: {
-        void *got = list_dequeue(l.h);
-        require(got == (l.data.empty() ? nullptr : l.data.front()));
+    case 3:
+        require(list_dequeue(l.h) == (l.data.empty() ? nullptr : l.data.front()));
         if (!l.data.empty())
             take_at(m, l, 0);
         break;
-    }
     case 4: remove(m, i, e, v, in.flag()); break;
     case 5: {
         list_element key{};
-        auto it = std::find(l.data.begin(), l.data.end(), datum(v));
         void *got = list_lookup(l.h, l.automatic ? nullptr : &key, datum(v), cmp);
-        require(got == (it == l.data.end() ? nullptr : *it));
+        require(got == (fz::has(l.data, datum(v)) ? datum(v) : nullptr));
         break;
     }
     case 6: merge(m, i, in.pick(3)); break;
@@ -219,8 +207,7 @@ void step(Model &m, fz::Ops &in)
     default:
         if (in.flag() && m.where[e] == i) { // excise a plain record as if its links were lost
             zel_list_excise(l.h, &m.pool[e]);
-            size_t pos = pos_of(l, e);
-            take_at(m, l, pos);
+            take_at(m, l, fz::index_of(l.elems, e));
             m.pool[e] = {};
         } else {
             destroy(m, i);
@@ -241,8 +228,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     zel_memory_list_init();
     Model m{};
     fz::Ops in{data, size};
-    for (int e = 0; e < kPool; ++e)
-        m.where[e] = -1;
+    std::fill(std::begin(m.where), std::end(m.where), -1);
     for (int i = 0; i < 3; ++i)
         create(m, i, in);
     while (in.more())

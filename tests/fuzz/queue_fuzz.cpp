@@ -69,17 +69,16 @@ int succ(const Model &s, int q, int prev)
         return s.m[q].empty() ? -1 : s.m[q].front();
     if (s.where[prev] != q)
         return -1;
-    auto it = std::find(s.m[q].begin(), s.m[q].end(), prev) + 1;
-    return it == s.m[q].end() ? -1 : *it;
+    size_t at = fz::index_of(s.m[q], prev) + 1;
+    return at == s.m[q].size() ? -1 : s.m[q][at];
 }
 
-void insert(Model &s, fz::Ops &in, int q, int i, bool at_head, bool locked)
+void insert(Model &s, int q, int i, bool at_head, bool locked)
 {
     if (foreign_tail(s, q, i))
         return;
     bool ok = at_head ? (locked ? zel_requeue : zel_p_requeue)(&s.h[q], &s.el[i])
                       : (locked ? zel_enqueue : zel_p_enqueue)(&s.h[q], &s.el[i]);
-    (void)in;
     require(ok == (s.where[i] < 0));
     if (ok)
         add_at(s, q, at_head ? 0 : s.m[q].size(), i);
@@ -125,8 +124,7 @@ void insqueue(Model &s, int q, int i, int prev)
     require(ok == (s.where[i] < 0));
     if (!ok)
         return raise(s, kLinked, prev == -2 ? "requeue" : "insqueue", &s.el[i], q);
-    size_t pos = prev < 0 ? 0 : static_cast<size_t>(std::find(s.m[q].begin(), s.m[q].end(), prev) - s.m[q].begin()) + 1;
-    add_at(s, q, pos, i);
+    add_at(s, q, prev < 0 ? 0 : fz::index_of(s.m[q], prev) + 1, i);
 }
 
 // i: -1 for a null element; prev: -2 null, -1 the header, else an element.
@@ -231,7 +229,7 @@ void step(Model &s, fz::Ops &in)
     int prev = arg % (kElems + 2); // -9..9 folds onto null, header, elements
     prev = prev < -2 ? -prev % kElems : prev >= kElems ? -1 : prev;
     switch (op) {
-    case 0: case 1: insert(s, in, q, i, op == 1, flag); break;
+    case 0: case 1: insert(s, q, i, op == 1, flag); break;
     case 2: dequeue(s, q, flag); break;
     case 3: unqueue(s, q, i, flag); break;
     case 4: unqueuenext(s, q, prev < -1 ? -1 : prev, flag); break;
@@ -262,8 +260,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     fz::start();
     Model s{};
-    for (int &w : s.where)
-        w = -1;
+    std::fill(std::begin(s.where), std::end(s.where), -1);
     fz::Ops in{data, size};
     while (in.more())
         step(s, in);

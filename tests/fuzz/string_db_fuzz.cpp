@@ -37,10 +37,7 @@ sdb_handle confirm(void *o)
     auto *obj = static_cast<Obj *>(o);
     return obj->deny ? obj->h ^ 4 : obj->h;
 }
-sdb_handle confirm_too(void *o)
-{
-    return confirm(o);
-}
+sdb_handle confirm_too(void *o) { return confirm(o); } // the same answer from another callback
 
 std::string key_of(const std::string &b, int type)
 {

@@ -1,6 +1,7 @@
 // The text utilities against plain reference code: bounded copy, length
 // test, duration text and delimiter splitting, each with canaries behind the
 // caller's buffer.
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -15,6 +16,13 @@ namespace {
 using fz::require;
 constexpr char kCanary = '\x5a';
 
+// The buffer holds `want` and its NUL, and the canaries behind `len` are whole.
+void require_written(const std::vector<char> &buf, const std::string &want, size_t len)
+{
+    require(memcmp(buf.data(), want.c_str(), want.size() + 1) == 0);
+    require(std::all_of(buf.begin() + static_cast<long>(len), buf.end(), [](char c) { return c == kCanary; }));
+}
+
 void copy(fz::Ops &in)
 {
     std::string src = in.text(24);
@@ -23,9 +31,7 @@ void copy(fz::Ops &in)
     std::vector<char> dst(max + 4, kCanary);
     require(zel_sstrncpy(dst.data(), null_src ? nullptr : src.c_str(), max) == dst.data());
     std::string want = null_src ? "" : std::string(src.c_str()).substr(0, max - 1);
-    require(memcmp(dst.data(), want.c_str(), want.size() + 1) == 0);
-    for (size_t i = want.size() + 1; i < dst.size(); ++i)
-        require(dst[i] == kCanary);
+    require_written(dst, want, want.size() + 1);
 }
 
 std::string duration(int expired, unsigned long t)
@@ -57,10 +63,7 @@ void time_text(fz::Ops &in)
     size_t len = 1 + in.pick(48);
     std::vector<char> out(len + 4, kCanary);
     vobrel_convert_time_to_string(static_cast<boolean>(expired), static_cast<time_t>(t), out.data(), len);
-    std::string want = duration(expired, t).substr(0, len - 1);
-    require(memcmp(out.data(), want.c_str(), want.size() + 1) == 0);
-    for (size_t i = len; i < out.size(); ++i)
-        require(out[i] == kCanary);
+    require_written(out, duration(expired, t).substr(0, len - 1), len);
 }
 
 // Tokens of the first `len` characters of `text`, and the text as the split

@@ -50,7 +50,7 @@ TEST(DefaultPlatform, ThreadGetsItsNameCutAndEndsWithItsExitValue)
     allocfail::reset();
 }
 
-TEST(DefaultPlatform, LogStoreFromEnvironmentOrDefaults)
+TEST(DefaultPlatform, LogStoreFromEnvironmentOrDefaultsAndBadSizeOrBufferIsAFailureStatus)
 {
     unsetenv("VOBREL_LOG_STORE");
     unsetenv("VOBREL_LOG_SIZE");
@@ -58,10 +58,6 @@ TEST(DefaultPlatform, LogStoreFromEnvironmentOrDefaults)
     setenv("VOBREL_LOG_STORE", "/var/tmp/x/app.log", 1);
     setenv("VOBREL_LOG_SIZE", "99934464", 1); // the most that keeps positions to 8 digits
     EXPECT_EQ(ask_path(), "0|/var/tmp/x/app.log|99934464");
-}
-
-TEST(DefaultPlatform, BadSizeOrBufferIsAFailureStatusNotACrash)
-{
     for (const char *bad : {"abc", "-5", "0", "12k", "99934465", "99999999", "99999999999999999999", " "}) {
         setenv("VOBREL_LOG_SIZE", bad, 1);
         EXPECT_EQ(ask_path(), std::to_string(VOBREL_PLATFORM_INIT_FAILED) + "||-7") << bad;

@@ -72,20 +72,19 @@ __attribute__((constructor(101))) VOBREL_NO_SANITIZE void resolve()
     __atomic_store_n(&real_free, reinterpret_cast<free_fn>(dlsym(RTLD_NEXT, "free")), __ATOMIC_RELEASE);
 }
 
-// True when this allocation is to fail.
+// True, with errno set, when this allocation is to fail.
 VOBREL_NO_SANITIZE bool should_fail()
 {
     int m = __atomic_load_n(&mode, __ATOMIC_RELAXED);
     if (m == 0 || suspended)
         return false;
     __atomic_fetch_add(&seen, 1, __ATOMIC_RELAXED);
-    if (m == 2)
-        return true;
-    if (m == 1 && __atomic_fetch_sub(&remaining, 1, __ATOMIC_RELAXED) == 0) {
-        __atomic_store_n(&mode, 3, __ATOMIC_RELAXED);
-        return true;
-    }
-    return false;
+    if (m == 1 && __atomic_fetch_sub(&remaining, 1, __ATOMIC_RELAXED) == 0)
+        __atomic_store_n(&mode, 3, __ATOMIC_RELAXED); // one-shot: counting from now on
+    else if (m != 2)
+        return false;
+    errno = ENOMEM;
+    return true;
 }
 
 } // namespace
@@ -94,10 +93,8 @@ extern "C" VOBREL_NO_SANITIZE void *malloc(size_t n)
 {
     if (!resolved())
         return arena_alloc(n);
-    if (should_fail()) {
-        errno = ENOMEM;
+    if (should_fail())
         return nullptr;
-    }
     return real_malloc(n);
 }
 
@@ -105,10 +102,8 @@ extern "C" VOBREL_NO_SANITIZE void *calloc(size_t n, size_t size)
 {
     if (!resolved())
         return arena_alloc(n * size); // the arena is zero and never reused
-    if (should_fail()) {
-        errno = ENOMEM;
+    if (should_fail())
         return nullptr;
-    }
     return real_calloc(n, size);
 }
 
@@ -122,10 +117,8 @@ extern "C" VOBREL_NO_SANITIZE void *realloc(void *p, size_t n)
         }
         return q;
     }
-    if (should_fail()) {
-        errno = ENOMEM;
+    if (should_fail())
         return nullptr;
-    }
     return real_realloc(p, n);
 }
 
@@ -138,15 +131,8 @@ extern "C" VOBREL_NO_SANITIZE void free(void *p)
 
 namespace allocfail {
 
-Suspend::Suspend()
-{
-    ++suspended;
-}
-
-Suspend::~Suspend()
-{
-    --suspended;
-}
+Suspend::Suspend() { ++suspended; }
+Suspend::~Suspend() { --suspended; }
 
 void fail_nth(int n)
 {

@@ -135,17 +135,21 @@ vobrel_platform_status_type vobrel_platform_get_log_store_path(int *path_len, ch
 
 namespace fake {
 
-std::vector<SyslogLine> syslog_lines()
+template <class T, class V> void locked_set(T &var, const V &v)
 {
     std::lock_guard<std::mutex> g(mu);
-    return g_syslog;
+    var = v;
 }
 
-std::vector<std::string> buginf_texts()
+template <class T> T locked_get(const T &var)
 {
     std::lock_guard<std::mutex> g(mu);
-    return g_buginf;
+    return var;
 }
+
+std::vector<SyslogLine> syslog_lines() { return locked_get(g_syslog); }
+
+std::vector<std::string> buginf_texts() { return locked_get(g_buginf); }
 
 void clear_recordings()
 {
@@ -165,53 +169,24 @@ std::vector<std::string> take_syslog_texts()
     return out;
 }
 
-void set_thread_create_result(int rc)
-{
-    std::lock_guard<std::mutex> g(mu);
-    g_thread_rc = rc;
-}
+void set_thread_create_result(int rc) { locked_set(g_thread_rc, rc); }
 
-ThreadCreateCall last_thread_create()
-{
-    std::lock_guard<std::mutex> g(mu);
-    return g_last_thread;
-}
+ThreadCreateCall last_thread_create() { return locked_get(g_last_thread); }
 
 void set_log_store_status(int call, vobrel_platform_status_type status)
 {
-    std::lock_guard<std::mutex> g(mu);
-    g_store_status[call == 2 ? 2 : 1] = status;
+    locked_set(g_store_status[call == 2 ? 2 : 1], status);
 }
 
-void set_log_store_len(int len)
-{
-    std::lock_guard<std::mutex> g(mu);
-    g_store_len = len;
-}
+void set_log_store_len(int len) { locked_set(g_store_len, len); }
 
-void set_log_file_size(int size)
-{
-    std::lock_guard<std::mutex> g(mu);
-    g_store_size = size;
-}
+void set_log_file_size(int size) { locked_set(g_store_size, size); }
 
-int log_store_calls()
-{
-    std::lock_guard<std::mutex> g(mu);
-    return g_store_calls;
-}
+int log_store_calls() { return locked_get(g_store_calls); }
 
-void set_log_store_path(const std::string &path)
-{
-    std::lock_guard<std::mutex> g(mu);
-    g_store_path = path;
-}
+void set_log_store_path(const std::string &path) { locked_set(g_store_path, path); }
 
-void set_log_store_hook(void (*hook)())
-{
-    std::lock_guard<std::mutex> g(mu);
-    g_store_hook = hook;
-}
+void set_log_store_hook(void (*hook)()) { locked_set(g_store_hook, hook); }
 
 std::string log_dir()
 {
@@ -219,10 +194,7 @@ std::string log_dir()
     return dir_locked();
 }
 
-std::string log_path()
-{
-    return log_dir() + "/vobrel.log." + vob_proc_name;
-}
+std::string log_path() { return log_dir() + "/vobrel.log." + vob_proc_name; }
 
 std::string read_log()
 {
