@@ -39,9 +39,9 @@ static_assert(VOBREL_LOG_SIZE_MAX - 1L + VOBREL_LOG_RECORD_MAX <= kHeaderMax,
 // Records are for the owner and its group: nobody else reads or forges them.
 constexpr mode_t kLogFileMode = 0640;
 // Every open: never through a symbolic link (the store is often a directory
-// that others may write, such as /tmp), never inherited across exec, never
-// waiting on a FIFO put at the path.
-constexpr int kOpenFlags = O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
+// that others may write, such as /tmp), never waiting on a FIFO put at the
+// path; and, at each open, never inherited across exec (O_CLOEXEC).
+constexpr int kOpenFlags = O_RDWR | O_NOFOLLOW | O_NONBLOCK;
 // A refused file is said once in the system log, at the catalogue's ERR.
 constexpr int kRefusalSeverity = 3;
 // Most records fit here; a longer one is formatted again on the heap.
@@ -337,9 +337,9 @@ int checked(int fd, const char *file_name)
 int open_log_file(const char *file_name)
 {
     for (int tries = 0; tries < 3; ++tries) {
-        int fd = open(file_name, kOpenFlags);
+        int fd = open(file_name, kOpenFlags | O_CLOEXEC);
         if (fd < 0 && errno == ENOENT) {
-            fd = open(file_name, kOpenFlags | O_CREAT | O_EXCL, kLogFileMode);
+            fd = open(file_name, kOpenFlags | O_CLOEXEC | O_CREAT | O_EXCL, kLogFileMode);
             if (fd < 0 && errno == EEXIST)
                 continue; // made meanwhile, or a link to nowhere: look again
             if (fd >= 0)
