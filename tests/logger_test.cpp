@@ -34,7 +34,9 @@ static const char kBanner[] = "\n[QMT-VER-1.2.1 Build 0] Logger initialized ";
 TEST(LogFile, FirstCallCreatesHeaderBannerAndRecordZero)
 {
     umask(0); // the new file is the owner's and its group's all the same
+    const time_t before = time(nullptr);
     EXPECT_EQ(vobrel_write_to_log(nullptr, 0, "hello %d\n", 5), 0);
+    time_t after = time(nullptr);
     struct stat log_st, st;
     ASSERT_EQ(stat(fake::log_path().c_str(), &log_st), 0);
     EXPECT_EQ(log_st.st_mode & 07777, 0640u);
@@ -49,6 +51,10 @@ TEST(LogFile, FirstCallCreatesHeaderBannerAndRecordZero)
     const auto recs = fake::log_records();
     ASSERT_EQ(recs.size(), 2u);
     EXPECT_TRUE(recs[0].number == 0 && recs[1].number == 1 && recs[0].pid == getpid());
+    char local[2][20]; // the stamp is the local time of the call, either side of a second's turn
+    strftime(local[0], 20, "%Y/%m/%d-%H:%M:%S", localtime(&before));
+    strftime(local[1], 20, "%Y/%m/%d-%H:%M:%S", localtime(&after));
+    EXPECT_TRUE(recs[0].time == local[0] || recs[0].time == local[1]) << recs[0].time;
     EXPECT_EQ(fake::log_messages(), (Lines{"hello 5\n", "my_func(42): second text"}));
     EXPECT_EQ(fake::log_header_pos(), static_cast<int>(s.size()));
     EXPECT_EQ(fake::log_header_number(), 1);
@@ -60,12 +66,14 @@ TEST(LogFile, FirstCallCreatesHeaderBannerAndRecordZero)
 
 TEST(LogFile, ReopenCarriesOnFromTheHeaderOrRestartsAtSixteen)
 {
-    // A usable position is carried on from; a position below 16 (0, negative,
+    // A usable position is carried on from (a wrapped file's too, which keeps
+    // its size and its one header); a position below 16 (0, negative,
     // inside the header), one at or beyond the limit, an empty file or a header
     // that is no number restart at byte 16.
     // The record number is kept either way. The header is "%8d%8d": position, number.
     struct Case { std::string bytes; size_t banner_at; int number; };
     const Case cases[] = {{"     500       7" + std::string(484, 'o'), 500, 7},
+                          {"     100       6" + std::string(1884, 'o'), 100, 6},
                           {"       0       9" + std::string(100, 'z'), 16, 9},
                           {"    4000       3" + std::string(5000, 'z'), 16, 3},
                           {"    5000       3" + std::string(5000, 'z'), 16, 3},
@@ -83,6 +91,7 @@ TEST(LogFile, ReopenCarriesOnFromTheHeaderOrRestartsAtSixteen)
                 const std::string s = fake::read_log();
                 const auto recs = fake::log_records();
                 const bool ok = s.substr(c.banner_at, strlen(kBanner)) == kBanner && recs.size() == 1 &&
+                                s.size() == std::max(c.bytes.size(), s.find("}:r") + 3) &&
                                 recs[0].number == c.number &&
                                 fake::log_header_pos() == static_cast<int>(s.find("}:r") + 3);
                 _exit(ok ? 0 : 1);

@@ -72,10 +72,9 @@ struct Child {
     // Waits up to 10 s for the output to hold `text`.
     bool wait_for(const std::string &text) const
     {
-        for (int i = 0; i < 2000; ++i, usleep(5000))
-            if (out().find(text) != npos)
-                return true;
-        return false;
+        for (int i = 0; i < 2000 && out().find(text) == npos; ++i)
+            usleep(5000);
+        return out().find(text) != npos;
     }
     // Sends `sig` (0: none), waits up to 10 s for the end, then kills; the
     // exit status, or 128 + signal.
@@ -153,18 +152,6 @@ void log_as(const char *name, int records, int pad, int from = 0)
     }
     ASSERT_GT(child, 0);
     ASSERT_EQ(waitpid(child, nullptr, 0), child);
-}
-
-std::string label(const std::string &name)
-{
-    return name + std::string(10 - name.size(), ' ');
-}
-
-// The time stamp of a line of a listing (banners end with theirs).
-std::string time_of(const std::string &line)
-{
-    std::string l = line.substr(10);
-    return l.starts_with("----") ? l.substr(l.size() - 19) : l.substr(0, 19);
 }
 
 } // namespace
@@ -331,7 +318,7 @@ TEST(LogReaderOnDamagedFiles, ThoseTooBigForTheMemoryAtHandAreSkipped)
     ASSERT_EQ(out.size(), 4u) << run.out();
     EXPECT_EQ(out[0], "vobrel-log: " + store + ".big: cannot read: not enough memory for its 90000000 bytes");
     EXPECT_EQ(out[1], "vobrel-log: " + store + ".many: cannot read: not enough memory for its records");
-    EXPECT_TRUE(out[3].starts_with(label("small")) && out[3].ends_with(": small 0 ")) << out[3];
+    EXPECT_TRUE(out[3].starts_with("small     ") && out[3].ends_with(": small 0 ")) << out[3];
 }
 
 // A neighbour's entries in a shared store: a link and a second name of a file
@@ -479,44 +466,6 @@ TEST(LogReaderFollow, StopsAtOnceOnSigint)
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
     ASSERT_TRUE(follow.wait_for(": only\n"));
     EXPECT_EQ(follow.status(SIGINT), 0); // well before the 60 s wait ends
-}
-
-TEST(LogReaderTimeline, MergesTheWrappedFilesOfSeveralProcesses)
-{
-    fake::set_log_file_size(400);
-    const Strings names{"alpha", "beta", "gamma9chr"};
-    for (size_t k = 0; k < names.size(); ++k)
-        log_as(names[k].c_str(), 25 + static_cast<int>(k) * 5, 7 + static_cast<int>(k) * 6);
-    const std::string store = fake::log_dir() + "/vobrel.log";
-    std::ofstream(store + ".junk") << "not a log";
-
-    // The damaged file is named and skipped; the others are all there.
-    Result r = tool({store});
-    EXPECT_EQ(r.status, 9);
-    Strings all = lines_of(r.out), shown;
-    EXPECT_EQ(all[0], "vobrel-log: " + store + ".junk: the file is shorter than the 16-byte header (9 bytes)");
-    shown.assign(all.begin() + 1, all.end());
-    for (size_t i = 1; i < shown.size(); ++i)
-        EXPECT_LE(time_of(shown[i - 1]), time_of(shown[i])) << shown[i];
-    // Each process's lines, in order, are its file's own listing.
-    size_t total = 0;
-    for (const std::string &n : names) {
-        Result own = tool({store + "." + n});
-        ASSERT_EQ(own.status, 0);
-        EXPECT_NE(own.out.find(" HIT 400 Limit, "), npos) << n; // it wrapped
-        Strings mine;
-        for (const std::string &l : shown)
-            if (l.starts_with(label(n)))
-                mine.push_back(l.substr(10));
-        EXPECT_EQ(mine, lines_of(own.out)) << n;
-        total += mine.size();
-    }
-    EXPECT_EQ(total, shown.size());
-
-    Result json = tool({"-j", "--grep", "beta", store + ".alpha", store + ".beta"});
-    EXPECT_EQ(json.status, 0);
-    for (const std::string &l : lines_of(json.out))
-        EXPECT_TRUE(l.starts_with(R"({"type":"record","process":"beta",)")) << l;
 }
 
 TEST(LogReaderTimeline, OrdersByTimeKeepingEachFilesOrder)
