@@ -321,8 +321,8 @@ TEST(LogFile, WriterArrivingDuringInitialisationWaitsForItThroughSignals)
 
 // A child process writes from four threads until it is killed (SIGKILL, at a
 // random moment); the next child reopens the same file. After every kill the
-// header must name the end of a whole record and that record's number, and a
-// reopened file must number its first record as the header said.
+// header must name the end of a whole record and that record's number (how a
+// reopened file numbers on is checked by the concurrent writers' case).
 // VOBREL_CRASH_KILLS sets the number of kills (default 40).
 namespace {
 
@@ -354,9 +354,8 @@ TEST(LogFile, KilledWritersAlwaysLeaveAHeaderThatAgreesWithTheRecords)
     fake::set_log_file_size(limit);
     fake::log_path(); // the directory is made here, so the children share it
     srand(static_cast<unsigned>(getpid()));
-    int reopened_checked = 0;
     for (int k = 0; k < kills; ++k) {
-        const int pos0 = fake::read_log().empty() ? 0 : fake::log_header_pos(), n0 = fake::log_header_number();
+        const int pos0 = fake::read_log().empty() ? 0 : fake::log_header_pos();
         pid_t child = fork();
         ASSERT_GE(child, 0);
         if (child == 0)
@@ -377,17 +376,7 @@ TEST(LogFile, KilledWritersAlwaysLeaveAHeaderThatAgreesWithTheRecords)
             continue; // nothing written yet
         ASSERT_EQ(s.compare(static_cast<size_t>(pos) - 3, 3, "END"), 0) << k << ": header at " << pos;
         ASSERT_EQ(last_number_before(s, static_cast<size_t>(pos)), n) << k;
-        // The reopened file carried on where the header said, unless it wrapped.
-        if (pos0 > 16 && pos0 < limit && pos > pos0) {
-            size_t banner = s.find("Logger initialized", static_cast<size_t>(pos0));
-            size_t first = s.find("]{", banner);
-            if (banner == static_cast<size_t>(pos0) + 25 && first < static_cast<size_t>(pos)) {
-                ASSERT_EQ(last_number_before(s, first + 1), n0) << k;
-                ++reopened_checked;
-            }
-        }
     }
-    EXPECT_GT(reopened_checked, 0); // sanitizer builds write few records between kills
 }
 
 // On a full file system records are lost without a word and every call still

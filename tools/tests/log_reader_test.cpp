@@ -156,46 +156,6 @@ void log_as(const char *name, int records, int pad, int from = 0)
 
 } // namespace
 
-TEST(LogReaderOnLibraryFiles, ReadsRightAfterEveryRecordThroughManyWraps)
-{
-    // Some twenty passes. Lengths vary so that passes end at different places
-    // past the limit and leave remains of older passes behind the newest old
-    // record.
-    fake::set_log_file_size(700);
-    Strings msgs, texts; // each record's text after its time stamp, to find it in the file
-    for (int i = 0; i < 160; ++i) {
-        std::string msg = "m" + std::to_string(i) + std::string(static_cast<size_t>(i * 37 % 90), 'x');
-        std::string fn = i % 3 ? "" : "worker(" + std::to_string(i) + "): ";
-        msgs.push_back(i % 3 ? msg + "\n" : msg);
-        vobrel_write_to_log(i % 3 ? nullptr : "worker", i, "%s", msgs.back().c_str());
-        texts.push_back("[" + std::to_string(fake::log_header_number()) + "]{" + std::to_string(getpid()) + "}:" + fn +
-                        msgs.back());
-
-        // The reader shows exactly the records whose bytes are all still
-        // there, in writing order; the newest one of the previous pass may
-        // carry remains of an older pass. The header agrees with the text.
-        const std::string bytes = fake::read_log();
-        Strings got, want;
-        const logread::Log log = parse_ok(bytes, got);
-        ASSERT_EQ(logread::check(bytes, log), Strings{}) << i;
-        const size_t pos = static_cast<size_t>(log.header_position);
-        for (size_t k = 0; k < texts.size(); ++k) {
-            size_t at = bytes.find(texts[k]); // "\n<time>" before it, on the same side of the position
-            if (at != npos && at >= 20 && bytes[at - 20] == '\n' && (at < pos || at - 20 >= pos))
-                want.push_back(msgs[k]);
-        }
-        size_t old = 0;
-        for (size_t k = 0; k < log.newer_first; ++k)
-            old += log.items[k].kind == logread::Kind::Record;
-        ASSERT_EQ(got.size(), want.size()) << bytes;
-        for (size_t k = 0; k < want.size(); ++k)
-            ASSERT_EQ(k + 1 == old ? got[k].substr(0, want[k].size()) : got[k], want[k]) << i << " " << k;
-    }
-    Strings shown = listing();
-    EXPECT_EQ(std::count(shown.begin(), shown.end(), "---- [QMT-VER-1.2.1 Build 0] HIT 700 Limit, Wrapping up "), 1);
-    EXPECT_TRUE(shown.back().ends_with(" worker(159): " + msgs.back())) << shown.back();
-}
-
 TEST(LogReaderOnLibraryFiles, FreshFileThenASecondProcess)
 {
     const std::string path = fake::log_path(); // one log directory for both processes
