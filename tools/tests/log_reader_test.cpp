@@ -340,23 +340,6 @@ TEST(LogReaderOutput, JsonCarriesEveryFieldAndAnyBytes)
                        R"(["record", 3, )" + pid + R"(, null, null, "nul \u0000 byte\n", null] 19)"}));
 }
 
-TEST(LogReaderOutput, FiltersFromRecordGrepAndPid)
-{
-    fake::set_log_file_size(500);
-    for (int i = 0; i < 12 || fake::log_header_number() > 2; ++i)
-        vobrel_write_to_log(nullptr, 0, "%s %d%s", i % 2 ? "odd" : "even", i, std::string(20, '-').c_str());
-    Strings all = listing(), odd;
-    ASSERT_GT(all.size(), 3u);
-    for (const std::string &l : all)
-        if (l.find(": odd ") != npos)
-            odd.push_back(l);
-    // From the second oldest record to the end, the wrap banner included.
-    EXPECT_EQ(listing({"--from-record", all[1].substr(1, all[1].find(' ') - 1)}), Strings(all.begin() + 1, all.end()));
-    EXPECT_EQ(listing({"--from-record", "99999"}), Strings{});
-    EXPECT_EQ(listing({"--pid", "1"}), Strings{});
-    EXPECT_EQ(listing({"--grep", "odd", "--pid", std::to_string(getpid())}), odd);
-}
-
 TEST(LogReaderOptions, UsageErrorsExitWith2)
 {
     for (const Strings &args :
@@ -450,4 +433,7 @@ TEST(LogReaderTimeline, OrdersByTimeKeepingEachFilesOrder)
               (Strings{"a:a1", "a:a2", "b:b1", "b:b3"}));
     EXPECT_EQ(messages({"--until", "2024/02/02"}), Strings{});
     EXPECT_EQ(messages({"-n", "2", "--reverse"}), (Strings{"b:b3", "b:b2"}));
+    EXPECT_EQ(messages({"--from-record", "2", "--grep", "b", "--pid", "5"}), (Strings{"b:b2", "b:b3"}));
+    EXPECT_EQ(messages({"--from-record", "99999"}), Strings{});
+    EXPECT_EQ(messages({"--pid", "1"}), Strings{});
 }
