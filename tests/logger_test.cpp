@@ -272,13 +272,6 @@ TEST(LogFile, ConcurrentWritersLoseNothingAndNeverShareANumber)
 
 static std::atomic<bool> init_entered{false}, init_release{false};
 
-static void slow_store()
-{
-    init_entered = true;
-    while (!init_release)
-        usleep(1000);
-}
-
 TEST(LogFile, WriterArrivingDuringInitialisationWaitsForItThroughSignals)
 {
     // A second writer arrives while the first is still initialising (the
@@ -293,7 +286,10 @@ TEST(LogFile, WriterArrivingDuringInitialisationWaitsForItThroughSignals)
     for (const bool fails : {true, false}) {
         init_entered = init_release = false;
         fake::set_log_store_status(1, fails ? VOBREL_PLATFORM_NOT_INITED : VOBREL_PLATFORM_OK);
-        fake::set_log_store_hook(slow_store);
+        fake::set_log_store_hook([] {
+            for (init_entered = true; !init_release;)
+                usleep(1000);
+        });
         const int calls = fake::log_store_calls();
         std::thread first([] { vobrel_write_to_log(nullptr, 0, "first"); });
         while (!init_entered)
@@ -387,12 +383,7 @@ TEST(LogFile, FullFileSystemDropsRecordsAndCarriesOnWhenRoomReturns)
     ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
     if (mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=64k") != 0)
         GTEST_SKIP() << "cannot mount a small tmpfs here";
-    {
-        std::ofstream f(filler, std::ios::binary);
-        const std::string block(4096, 'f');
-        for (int i = 0; i < 64 && f.write(block.data(), block.size()).flush(); ++i) {
-        }
-    }
+    std::ofstream(filler, std::ios::binary) << std::string(64 << 10, 'f'); // as much of it as fits
     fake::set_log_store_path(dir + "/app.log");
     for (int i = 0; i < 50; ++i)
         EXPECT_EQ(vobrel_write_to_log(nullptr, 0, "lost %d", i), 0);
