@@ -74,6 +74,8 @@ TEST_F(FileUtil, ReadThroughShortAndFailingReads)
     struct Row { std::string in; std::vector<long> steps; vobrel_rc rc; int got; std::vector<long> asked; Lines log; };
     const Row rows[] = {
         {ten, {}, VOBREL_OK, 10, {10}, {}},
+        {"1", {}, VOBREL_OK, 1, {1}, {}},
+        {text100, {1}, VOBREL_OK, 100, {100, 99}, {}},
         {"", {}, VOBREL_INVALID_FILE, 0, {524288}, {"\nread failed (Success)\n"}},
         {"hello", {-EIO}, VOBREL_INVALID_FILE, 0, {5}, {"\nread failed " + eio + "\n"}},
         {text100, {30, 30, 30}, VOBREL_OK, 100, {100, 70, 40, 10}, {}},

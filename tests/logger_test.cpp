@@ -34,7 +34,9 @@ static const char kBanner[] = "\n[QMT-VER-1.2.1 Build 0] Logger initialized ";
 TEST(LogFile, FirstCallCreatesHeaderBannerAndRecordZero)
 {
     umask(0); // the new file is the owner's and its group's all the same
+    const time_t before = time(nullptr);
     EXPECT_EQ(vobrel_write_to_log(nullptr, 0, "hello %d\n", 5), 0);
+    time_t after = time(nullptr);
     struct stat log_st, st;
     ASSERT_EQ(stat(fake::log_path().c_str(), &log_st), 0);
     EXPECT_EQ(log_st.st_mode & 07777, 0640u);
@@ -49,6 +51,10 @@ TEST(LogFile, FirstCallCreatesHeaderBannerAndRecordZero)
     const auto recs = fake::log_records();
     ASSERT_EQ(recs.size(), 2u);
     EXPECT_TRUE(recs[0].number == 0 && recs[1].number == 1 && recs[0].pid == getpid());
+    char local[2][20]; // the stamp is the local time of the call, either side of a second's turn
+    strftime(local[0], 20, "%Y/%m/%d-%H:%M:%S", localtime(&before));
+    strftime(local[1], 20, "%Y/%m/%d-%H:%M:%S", localtime(&after));
+    EXPECT_TRUE(recs[0].time == local[0] || recs[0].time == local[1]) << recs[0].time;
     EXPECT_EQ(fake::log_messages(), (Lines{"hello 5\n", "my_func(42): second text"}));
     EXPECT_EQ(fake::log_header_pos(), static_cast<int>(s.size()));
     EXPECT_EQ(fake::log_header_number(), 1);
@@ -60,12 +66,14 @@ TEST(LogFile, FirstCallCreatesHeaderBannerAndRecordZero)
 
 TEST(LogFile, ReopenCarriesOnFromTheHeaderOrRestartsAtSixteen)
 {
-    // A usable position is carried on from; a position below 16 (0, negative,
+    // A usable position is carried on from (a wrapped file's too, which keeps
+    // its size and its one header); a position below 16 (0, negative,
     // inside the header), one at or beyond the limit, an empty file or a header
     // that is no number restart at byte 16.
     // The record number is kept either way. The header is "%8d%8d": position, number.
     struct Case { std::string bytes; size_t banner_at; int number; };
     const Case cases[] = {{"     500       7" + std::string(484, 'o'), 500, 7},
+                          {"     100       6" + std::string(1884, 'o'), 100, 6},
                           {"       0       9" + std::string(100, 'z'), 16, 9},
                           {"    4000       3" + std::string(5000, 'z'), 16, 3},
                           {"    5000       3" + std::string(5000, 'z'), 16, 3},
@@ -83,6 +91,7 @@ TEST(LogFile, ReopenCarriesOnFromTheHeaderOrRestartsAtSixteen)
                 const std::string s = fake::read_log();
                 const auto recs = fake::log_records();
                 const bool ok = s.substr(c.banner_at, strlen(kBanner)) == kBanner && recs.size() == 1 &&
+                                s.size() == std::max(c.bytes.size(), s.find("}:r") + 3) &&
                                 recs[0].number == c.number &&
                                 fake::log_header_pos() == static_cast<int>(s.find("}:r") + 3);
                 _exit(ok ? 0 : 1);
@@ -263,13 +272,6 @@ TEST(LogFile, ConcurrentWritersLoseNothingAndNeverShareANumber)
 
 static std::atomic<bool> init_entered{false}, init_release{false};
 
-static void slow_store()
-{
-    init_entered = true;
-    while (!init_release)
-        usleep(1000);
-}
-
 TEST(LogFile, WriterArrivingDuringInitialisationWaitsForItThroughSignals)
 {
     // A second writer arrives while the first is still initialising (the
@@ -284,7 +286,10 @@ TEST(LogFile, WriterArrivingDuringInitialisationWaitsForItThroughSignals)
     for (const bool fails : {true, false}) {
         init_entered = init_release = false;
         fake::set_log_store_status(1, fails ? VOBREL_PLATFORM_NOT_INITED : VOBREL_PLATFORM_OK);
-        fake::set_log_store_hook(slow_store);
+        fake::set_log_store_hook([] {
+            for (init_entered = true; !init_release;)
+                usleep(1000);
+        });
         const int calls = fake::log_store_calls();
         std::thread first([] { vobrel_write_to_log(nullptr, 0, "first"); });
         while (!init_entered)
@@ -312,8 +317,8 @@ TEST(LogFile, WriterArrivingDuringInitialisationWaitsForItThroughSignals)
 
 // A child process writes from four threads until it is killed (SIGKILL, at a
 // random moment); the next child reopens the same file. After every kill the
-// header must name the end of a whole record and that record's number, and a
-// reopened file must number its first record as the header said.
+// header must name the end of a whole record and that record's number (how a
+// reopened file numbers on is checked by the concurrent writers' case).
 // VOBREL_CRASH_KILLS sets the number of kills (default 40).
 namespace {
 
@@ -345,9 +350,8 @@ TEST(LogFile, KilledWritersAlwaysLeaveAHeaderThatAgreesWithTheRecords)
     fake::set_log_file_size(limit);
     fake::log_path(); // the directory is made here, so the children share it
     srand(static_cast<unsigned>(getpid()));
-    int reopened_checked = 0;
     for (int k = 0; k < kills; ++k) {
-        const int pos0 = fake::read_log().empty() ? 0 : fake::log_header_pos(), n0 = fake::log_header_number();
+        const int pos0 = fake::read_log().empty() ? 0 : fake::log_header_pos();
         pid_t child = fork();
         ASSERT_GE(child, 0);
         if (child == 0)
@@ -368,17 +372,7 @@ TEST(LogFile, KilledWritersAlwaysLeaveAHeaderThatAgreesWithTheRecords)
             continue; // nothing written yet
         ASSERT_EQ(s.compare(static_cast<size_t>(pos) - 3, 3, "END"), 0) << k << ": header at " << pos;
         ASSERT_EQ(last_number_before(s, static_cast<size_t>(pos)), n) << k;
-        // The reopened file carried on where the header said, unless it wrapped.
-        if (pos0 > 16 && pos0 < limit && pos > pos0) {
-            size_t banner = s.find("Logger initialized", static_cast<size_t>(pos0));
-            size_t first = s.find("]{", banner);
-            if (banner == static_cast<size_t>(pos0) + 25 && first < static_cast<size_t>(pos)) {
-                ASSERT_EQ(last_number_before(s, first + 1), n0) << k;
-                ++reopened_checked;
-            }
-        }
     }
-    EXPECT_GT(reopened_checked, 0); // sanitizer builds write few records between kills
 }
 
 // On a full file system records are lost without a word and every call still
@@ -389,12 +383,7 @@ TEST(LogFile, FullFileSystemDropsRecordsAndCarriesOnWhenRoomReturns)
     ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
     if (mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=64k") != 0)
         GTEST_SKIP() << "cannot mount a small tmpfs here";
-    {
-        std::ofstream f(filler, std::ios::binary);
-        const std::string block(4096, 'f');
-        for (int i = 0; i < 64 && f.write(block.data(), block.size()).flush(); ++i) {
-        }
-    }
+    std::ofstream(filler, std::ios::binary) << std::string(64 << 10, 'f'); // as much of it as fits
     fake::set_log_store_path(dir + "/app.log");
     for (int i = 0; i < 50; ++i)
         EXPECT_EQ(vobrel_write_to_log(nullptr, 0, "lost %d", i), 0);

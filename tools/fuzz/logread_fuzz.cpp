@@ -83,15 +83,13 @@ void times(std::string_view bytes)
 
 void check_merge(const std::vector<std::vector<const logread::Item *>> &lists)
 {
-    std::vector<logread::Entry> got = logread::merge(lists);
-    std::vector<logread::Entry> model;
+    std::vector<logread::Entry> got = logread::merge(lists), model;
     bool forward = true;
-    for (size_t s = 0; s < lists.size(); ++s) {
+    for (size_t s = 0; s < lists.size(); ++s)
         for (size_t i = 0; i < lists[s].size(); ++i) {
             model.push_back({lists[s][i], s});
             forward = forward && (i == 0 || !logread::time_before(lists[s][i]->time, lists[s][i - 1]->time));
         }
-    }
     require(got.size() == model.size());
     std::vector<size_t> next(lists.size(), 0);
     for (const logread::Entry &e : got) // each file's order kept
