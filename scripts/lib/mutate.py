@@ -62,12 +62,14 @@ class Gen:
         orig = self.src(a, b)
         if orig == repl or '\n' in orig and len(orig) > 200:
             return
-        base = '%s|%s|%s|%s' % (self.rel, func, ' '.join(orig.split()), repl)
+        # Keys and descriptions are one line each: the run reads them tab-separated, a line a mutant.
+        flat = ' '.join(repl.split())
+        base = '%s|%s|%s|%s' % (self.rel, func, ' '.join(orig.split()), flat)
         self.seen[base] += 1
         line = self.text[:a].count(b'\n') + 1
         self.out.append({'key': '%s|%d' % (base, self.seen[base]), 'file': self.rel, 'line': line,
                          'start': a, 'end': b, 'repl': repl, 'op': op,
-                         'desc': '%s -> %s' % (' '.join(orig.split())[:60], repl[:60])})
+                         'desc': '%s -> %s' % (' '.join(orig.split())[:60], flat[:60])})
 
     def token_at(self, offset, within):
         for t in self.tu.get_tokens(extent=within.extent):
