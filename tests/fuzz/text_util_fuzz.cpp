@@ -27,9 +27,13 @@ void copy(fz::Ops &in)
 {
     std::string src = in.text(24);
     bool null_src = in.pick(8) == 0;
-    unsigned long max = 1 + in.pick(32);
+    unsigned long max = in.pick(33);
     std::vector<char> dst(max + 4, kCanary);
     require(zel_sstrncpy(dst.data(), null_src ? nullptr : src.c_str(), max) == dst.data());
+    if (max == 0) { // room for nothing: nothing written, not even the NUL
+        require(std::all_of(dst.begin(), dst.end(), [](char c) { return c == kCanary; }));
+        return;
+    }
     std::string want = null_src ? "" : std::string(src.c_str()).substr(0, max - 1);
     require_written(dst, want, want.size() + 1);
 }
