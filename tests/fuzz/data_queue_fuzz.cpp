@@ -35,9 +35,12 @@ void visit(void *d)
         require(zel_data_unqueue(walk_queue, d) == d);
 }
 
+// A queue holding n elements is full (a limit of 0 is none).
+bool full(const queuetype &q, size_t n) { return q.maximum != 0 && static_cast<int>(n) >= q.maximum; }
+
 void put(Model &s, void *d, bool at_head)
 {
-    bool full = s.q.maximum != 0 && static_cast<int>(s.m.size()) >= s.q.maximum;
+    bool full = ::full(s.q, s.m.size());
     void *got = at_head ? zel_data_requeue(&s.q, d) : zel_data_enqueue(&s.q, d);
     require(got == (full ? nullptr : d));
     if (!full)
@@ -79,10 +82,9 @@ void data_step(Model &s, int op, void *d, bool flag, int arg)
 // pending count kept with the queue's own.
 void watched_step(Model &s, int op, void *d, int i)
 {
-    int lim = s.wd->eventQ.maximum;
     switch (op) {
     case 0: {
-        bool ok = !(lim && static_cast<int>(s.md.size()) >= lim);
+        bool ok = !full(s.wd->eventQ, s.md.size());
         require(process_data_enqueue(s.wd, d) == ok);
         if (ok)
             s.md.push_back(d);
@@ -91,8 +93,7 @@ void watched_step(Model &s, int op, void *d, int i)
     case 1: require(process_data_dequeue(s.wd) == fz::take_front(s.md)); break;
     case 2: {
         Elem *e = &s.el[i];
-        bool linked = has(s.mp, e);
-        bool full = s.wp->eventQ.maximum && static_cast<int>(s.mp.size()) >= s.wp->eventQ.maximum;
+        bool linked = has(s.mp, e), full = ::full(s.wp->eventQ, s.mp.size());
         require(process_enqueue(s.wp, e) == (!linked && !full));
         if (!linked && !full)
             s.mp.push_back(e);
@@ -125,8 +126,7 @@ void check(Model &s)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    fz::start();
-    fz::Ops in{data, size};
+    fz::Ops in = fz::start(data, size);
     Model s{};
     s.wd = create_watched_queue("d", 0, static_cast<int8_t>(in.byte()) % 4);
     s.wp = create_watched_queue("p", 0, static_cast<int8_t>(in.byte()) % 4);

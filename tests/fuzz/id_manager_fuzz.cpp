@@ -107,29 +107,31 @@ void get(Model &m, unsigned key, void *p)
     m.seen.push_back(id);
 }
 
-unsigned reserve_model(Model &m, unsigned key, void *p, idmgr_id_t id)
+void reserve(Model &m, unsigned key, void *p, idmgr_id_t id)
 {
+    unsigned rc = zel_id_reserve(p, static_cast<id_table_key_t>(key), id);
+    auto refused = [&](const char *where) { bad(m, where, id); require(rc == ID_MGR_INVALID_ID); };
     Table *t = table(m, key);
     unsigned v = id - 1, slot = v >> 16 & 0xFF, idx = v & 0xFFFF, seq = v >> 24;
     if (id == 0 || key > 127)
-        return bad(m, "id_reserve (bad id)", id), ID_MGR_INVALID_ID;
+        return refused("id_reserve (bad id)");
     if (!t || slot >= t->slots || idx >= t->per)
-        return bad(m, "id_reserve", id), ID_MGR_INVALID_ID;
+        return refused("id_reserve");
     if (t->norand && seq != 0)
-        return bad(m, "id_reserve: ID Out of Range.", id), ID_MGR_INVALID_ID;
+        return refused("id_reserve: ID Out of Range.");
     if (t->s[slot].empty()) {
         add_slot(*t, key, slot, t->norand ? 0 : int(seq), &idx);
     } else {
         auto it = std::find(t->freeq.begin(), t->freeq.end(), Pos{slot, idx});
         if (it == t->freeq.end())
-            return ID_IN_USE;
+            return require(rc == ID_IN_USE);
         t->freeq.erase(it);
         if (!t->norand)
             t->s[slot][idx].seq = uint8_t(seq);
     }
+    require(rc == ID_MGR_RET_OK);
     assign(*t, {slot, idx}, p);
     m.seen.push_back(id);
-    return ID_MGR_RET_OK;
 }
 
 // The entry `id` names when it is in use, else null; `why` tells the lookup's
@@ -307,12 +309,7 @@ void step(Model &m, fz::Ops &in)
     case 0: create(m, in.pick(5), in.pick(6)); break;
     case 1: set_norand(m, key); break;
     case 2: case 3: get(m, key, p); break;
-    case 4: {
-        idmgr_id_t id = id_of(m, in);
-        unsigned rc = zel_id_reserve(p, static_cast<id_table_key_t>(key), id);
-        require(rc == reserve_model(m, key, p, id));
-        break;
-    }
+    case 4: reserve(m, key, p, id_of(m, in)); break;
     case 5: to_ptr(m, key, id_of(m, in)); break;
     case 6: del(m, key, id_of(m, in)); break;
     case 7: case 8: walk(m, key, id_of(m, in), op == 8); break;
@@ -330,12 +327,11 @@ void step(Model &m, fz::Ops &in)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    fz::start();
+    fz::Ops in = fz::start(data, size);
     for (unsigned k = 0; k < ID_MGR_MAX_TABLES; ++k)
         if (zel_g_id_manager_table[k])
             zel_id_destroy_table(static_cast<id_table_key_t>(k));
     Model m;
-    fz::Ops in{data, size};
     while (in.more())
         step(m, in);
     return 0;

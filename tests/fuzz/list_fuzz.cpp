@@ -67,15 +67,10 @@ void destroy(Model &m, int i)
         m.pool[e] = {}, m.where[e] = -1;
 }
 
-list_element *pick_elem(Model &m, L &l, int e)
-{
-    return l.automatic ? nullptr : &m.pool[e];
-}
-
 void add(Model &m, int i, int e, int v, int how)
 {
     L &l = m.l[i];
-    list_element *el = pick_elem(m, l, e);
+    list_element *el = l.automatic ? nullptr : &m.pool[e]; // an automatic list makes its own
     bool fits = !l.max || l.data.size() < l.max;
     bool free_el = l.automatic || m.where[e] < 0;
     size_t pos = how == 1 ? 0 : l.data.size();
@@ -223,11 +218,10 @@ void step(Model &m, fz::Ops &in)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    fz::start();
+    fz::Ops in = fz::start(data, size);
     zel_list_init();
     zel_memory_list_init();
     Model m{};
-    fz::Ops in{data, size};
     std::fill(std::begin(m.where), std::end(m.where), -1);
     for (int i = 0; i < 3; ++i)
         create(m, i, in);

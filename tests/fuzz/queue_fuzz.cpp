@@ -62,6 +62,12 @@ void *head(Model &s, int q)
     return s.m[q].empty() ? nullptr : &s.el[s.m[q].front()];
 }
 
+// -2: null, -1: the header, else an element.
+void *addr(Model &s, int q, int prev)
+{
+    return prev == -2 ? nullptr : prev == -1 ? static_cast<void *>(&s.h[q]) : &s.el[prev];
+}
+
 // The element after `prev` (-1: the header) in the model, or -1.
 int succ(const Model &s, int q, int prev)
 {
@@ -108,33 +114,29 @@ void unqueuenext(Model &s, int q, int prev, bool locked)
 {
     if (prev >= 0 && s.where[prev] == 1 - q)
         return;
-    void *p = prev < 0 ? static_cast<void *>(&s.h[q]) : &s.el[prev];
-    require((locked ? zel_unqueuenext : zel_p_unqueuenext)(&s.h[q], p));
+    require((locked ? zel_unqueuenext : zel_p_unqueuenext)(&s.h[q], addr(s, q, prev)));
     if (int v = succ(s, q, prev); v >= 0)
         take(s, q, v, "p_unqueuenext");
 }
 
-// paddr: -2 null, -1 the header, else an element on this queue.
 void insqueue(Model &s, int q, int i, int prev)
 {
     if (foreign_tail(s, q, i) || (prev >= 0 && s.where[prev] != q))
         return;
-    void *p = prev == -2 ? nullptr : prev == -1 ? static_cast<void *>(&s.h[q]) : &s.el[prev];
-    bool ok = zel_insqueue(&s.h[q], &s.el[i], p);
+    bool ok = zel_insqueue(&s.h[q], &s.el[i], addr(s, q, prev));
     require(ok == (s.where[i] < 0));
     if (!ok)
         return raise(s, kLinked, prev == -2 ? "requeue" : "insqueue", &s.el[i], q);
     add_at(s, q, prev < 0 ? 0 : fz::index_of(s.m[q], prev) + 1, i);
 }
 
-// i: -1 for a null element; prev: -2 null, -1 the header, else an element.
+// i: -1 for a null element.
 void remqueue(Model &s, int q, int i, int prev)
 {
     if ((i >= 0 && s.where[i] == 1 - q) || (prev >= 0 && s.where[prev] == 1 - q))
         return;
     void *e = i < 0 ? nullptr : &s.el[i];
-    void *p = prev == -2 ? nullptr : prev == -1 ? static_cast<void *>(&s.h[q]) : &s.el[prev];
-    void *got = zel_remqueue(&s.h[q], e, p);
+    void *got = zel_remqueue(&s.h[q], e, addr(s, q, prev));
     if (prev == -2 && e == head(s, q)) {
         require(got == e);
         if (e)
@@ -247,7 +249,6 @@ void step(Model &s, fz::Ops &in)
     case 10: validate(s, q, flag); break;
     case 11: s.h[q].count = s.count[q] = static_cast<int>(s.m[q].size()) + (arg % 3); break;
     case 12: init(s, q, arg % 6); break;
-    default: break;
     }
     fz::reported(s.want);
     check(s, 0, i);
@@ -258,10 +259,9 @@ void step(Model &s, fz::Ops &in)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    fz::start();
+    fz::Ops in = fz::start(data, size);
     Model s{};
     std::fill(std::begin(s.where), std::end(s.where), -1);
-    fz::Ops in{data, size};
     while (in.more())
         step(s, in);
     return 0;

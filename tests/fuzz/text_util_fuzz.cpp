@@ -47,15 +47,14 @@ std::string duration(int expired, unsigned long t)
         ++d, h = 0;
     if (d == 7)
         ++w, d = 0;
-    auto mark = [](unsigned long n) { return n >= 2 ? 's' : ' '; };
-    bool two = expired == 1;
-    if (w)
-        return two && d ? fz::fmt("%lu week%c and %lu day%c", w, mark(w), d, mark(d)) : fz::fmt("%lu week%c", w, mark(w));
-    if (d)
-        return two && h ? fz::fmt("%lu day%c and %lu hour%c", d, mark(d), h, mark(h)) : fz::fmt("%lu day%c", d, mark(d));
-    if (h)
-        return two && m ? fz::fmt("%lu hour%c and %lu minutes", h, mark(h), m) : fz::fmt("%lu hour%c", h, mark(h));
-    return fz::fmt("%lu minutes", m);
+    // The largest unit that is not 0, and with `expired` 1 the next one if not 0.
+    const unsigned long n[] = {w, d, h, m};
+    const char *unit[] = {"week", "day", "hour"};
+    auto part = [&](int k) { return k == 3 ? fz::fmt("%lu minutes", m) : fz::fmt("%lu %s%c", n[k], unit[k], n[k] >= 2 ? 's' : ' '); };
+    int k = 0;
+    while (k < 3 && !n[k])
+        ++k;
+    return expired == 1 && k < 3 && n[k + 1] ? part(k) + " and " + part(k + 1) : part(k);
 }
 
 void time_text(fz::Ops &in)
@@ -117,8 +116,7 @@ void parse(fz::Ops &in)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    fz::start();
-    fz::Ops in{data, size};
+    fz::Ops in = fz::start(data, size);
     while (in.more()) {
         switch (in.pick(4)) {
         case 0: copy(in); break;
