@@ -84,21 +84,18 @@ void create(Model &m, unsigned slots, unsigned per)
 void get(Model &m, unsigned key, void *p)
 {
     idmgr_id_t id = zel_id_get(p, static_cast<id_table_key_t>(key));
+    auto refused = [&](const char *where) { require(id == 0); bad(m, where, 0); };
     Table *t = table(m, key);
-    if (key > 127 || (!t && key != 0)) {
-        require(id == 0);
-        return bad(m, key > 127 ? "id_get (bad table id)" : "id_get (unassigned table id)", 0);
-    }
+    if (key > 127 || (!t && key != 0))
+        return refused(key > 127 ? "id_get (bad table id)" : "id_get (unassigned table id)");
     if (!t)
         t = &(m.t[0] = new_table(32, 1024));
     if (t->freeq.empty()) {
         unsigned slot = 0;
         while (slot < t->slots && !t->s[slot].empty())
             ++slot;
-        if (slot == t->slots) {
-            require(id == 0);
-            return bad(m, "id_get (Out of IDs! out of slots or memory)", 0);
-        }
+        if (slot == t->slots)
+            return refused("id_get (Out of IDs! out of slots or memory)");
         add_slot(*t, key, slot, -1, nullptr);
     }
     Pos at = t->freeq.front();
