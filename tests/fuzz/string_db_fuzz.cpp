@@ -228,12 +228,11 @@ void unreg(Model &m, fz::Ops &in)
     require(ok == (live && cb == live->cb));
     if (!ok)
         return;
-    Comp &c = *live;
-    c.live = false;
-    m.used_id[c.id] = false;
+    live->live = false;
+    m.used_id[id] = false;
     // Its owner records go at once; texts nobody else holds go with them.
     for (auto it = m.t.begin(); it != m.t.end();) {
-        it->second.owners.erase(c.id);
+        it->second.owners.erase(id);
         bool unused = it->second.refs == 0 && it->second.owners.empty();
         it = unused ? m.t.erase(it) : std::next(it);
     }
