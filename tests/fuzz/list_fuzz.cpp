@@ -4,6 +4,7 @@
 // list a std::deque of data (small integers as pointers) and, for a plain list,
 // of the pool records that carry them. The registry holds the named lists in
 // creation order.
+#include <algorithm>
 #include <deque>
 
 #include <vobrel/list.h>
@@ -71,16 +72,14 @@ void add(Model &m, int i, int e, int v, int how)
 {
     L &l = m.l[i];
     list_element *el = l.automatic ? nullptr : &m.pool[e]; // an automatic list makes its own
-    bool fits = !l.max || l.data.size() < l.max;
-    bool free_el = l.automatic || m.where[e] < 0;
-    size_t pos = how == 1 ? 0 : l.data.size();
-    bool unique = true;
-    if (how == 2) {
-        pos = 0;
-        while (pos < l.data.size() && cmp(l.data[pos], datum(v)) < 0)
-            ++pos;
-        unique = pos == l.data.size() || l.data[pos] != datum(v);
-    }
+    bool fits = !l.max || l.data.size() < l.max, free_el = l.automatic || m.where[e] < 0;
+    // Enqueue: at the end; requeue: at the front; insert: before the first datum
+    // not below v, refused when that one equals v.
+    auto at = how == 0   ? l.data.end()
+              : how == 1 ? l.data.begin()
+                         : std::find_if(l.data.begin(), l.data.end(), [v](void *x) { return cmp(x, datum(v)) >= 0; });
+    size_t pos = static_cast<size_t>(at - l.data.begin());
+    bool unique = how != 2 || at == l.data.end() || *at != datum(v);
     boolean ok = how == 0 ? list_enqueue(l.h, el, datum(v)) : how == 1 ? list_requeue(l.h, el, datum(v))
                                                                   : list_insert(l.h, el, datum(v), cmp);
     require(ok == (fits && free_el && unique));
