@@ -132,12 +132,12 @@ void reserve(Model &m, unsigned key, void *p, idmgr_id_t id)
 }
 
 // The entry `id` names when it is in use, else null; `why` tells the lookup's
-// error (0 when the identifier decodes to an entry).
-Entry *live(Model &m, unsigned key, idmgr_id_t id, const char **why)
+// error: 'i' identifier 0, 't' bad table, 'r' out of range, 0 none.
+Entry *live(Model &m, unsigned key, idmgr_id_t id, char *why)
 {
     Table *t = table(m, key);
     unsigned v = id - 1, slot = v >> 16 & 0xFF, idx = v & 0xFFFF;
-    *why = key > 127 || !t ? "bad table" : slot >= t->slots || t->s[slot].empty() || idx >= t->per ? "range" : nullptr;
+    *why = !id ? 'i' : key > 127 || !t ? 't' : slot >= t->slots || t->s[slot].empty() || idx >= t->per ? 'r' : 0;
     if (*why)
         return nullptr;
     Entry &e = t->s[slot][idx];
@@ -149,25 +149,23 @@ void to_ptr(Model &m, unsigned key, idmgr_id_t id)
 {
     id_mgr_ret rc = ID_IN_USE;
     void *got = zel_id_to_ptr(id, &rc, static_cast<id_table_key_t>(key));
-    const char *why = nullptr;
-    Entry *e = id ? live(m, key, id, &why) : nullptr;
-    if (id == 0)
-        bad(m, "id_to_ptr (bad id)", id);
-    else if (why)
-        bad(m, *why == 'b' ? "id_to_ptr (bad table id)" : "id_to_ptr", id);
-    id_mgr_ret want = id == 0 ? ID_MGR_RET_OK : why ? ID_MGR_RET_ERROR : e ? ID_MGR_RET_OK : ID_MGR_RET_RETIRED;
+    char why;
+    Entry *e = live(m, key, id, &why);
+    if (why)
+        bad(m, why == 'i' ? "id_to_ptr (bad id)" : why == 't' ? "id_to_ptr (bad table id)" : "id_to_ptr", id);
+    id_mgr_ret want = why == 'i' ? ID_MGR_RET_OK : why ? ID_MGR_RET_ERROR : e ? ID_MGR_RET_OK : ID_MGR_RET_RETIRED;
     require(rc == want && got == (e ? e->p : nullptr));
 }
 
 void del(Model &m, unsigned key, idmgr_id_t id)
 {
     zel_id_delete(id, static_cast<id_table_key_t>(key));
-    const char *why = nullptr;
-    Entry *e = id ? live(m, key, id, &why) : nullptr;
-    if (id == 0)
+    char why;
+    Entry *e = live(m, key, id, &why);
+    if (why == 'i')
         return bad(m, "id_delete (bad id)", id);
     if (why)
-        return bad(m, *why == 'b' ? "id_delete (bad table key)" : "id_delete", id - 1);
+        return bad(m, why == 't' ? "id_delete (bad table key)" : "id_delete", id - 1);
     if (!e)
         return;
     Table &t = *table(m, key);
@@ -220,8 +218,8 @@ void walk(Model &m, unsigned key, idmgr_id_t id, bool this_or_next)
     boolean wrapped = 9;
     auto fn = this_or_next ? zel_id_get_this_or_next : zel_id_get_next_id_ptr;
     void *got = fn(id, &next, &rc, static_cast<id_table_key_t>(key), &wrapped);
-    const char *why = nullptr;
-    Entry *e = this_or_next && id ? live(m, key, id, &why) : nullptr;
+    char why;
+    Entry *e = this_or_next ? live(m, key, id, &why) : nullptr;
     if (e && e->p)
         return require(got == e->p && next == id && rc == ID_MGR_RET_OK && !wrapped);
     Table *t = table(m, key);

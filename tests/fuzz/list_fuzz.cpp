@@ -153,7 +153,8 @@ void check(Model &m)
         list_element *prev = nullptr;
         for (list_element *e = l.h->head; e && seen.size() <= l.data.size(); prev = e, e = e->next) {
             size_t k = seen.size(); // a plain list links the very records the model names
-            require(e->prev == prev && e->list == l.h && (l.automatic || (k < l.elems.size() && e == &m.pool[l.elems[k]])));
+            require(e->prev == prev && e->list == l.h &&
+                    (l.automatic || (k < l.elems.size() && e == &m.pool[l.elems[k]])));
             seen.push_back(e->data);
         }
         require(seen == l.data && l.h->tail == prev && l.h->count == l.data.size());

@@ -53,10 +53,10 @@ Rec *lookup(Model &m, const std::string &b, int type)
     return it == m.t.end() ? nullptr : &it->second;
 }
 
-void drop_if_unused(Model &m, Rec *r)
+// A text nobody holds any more is gone.
+void drop_unused(Model &m)
 {
-    if (r->refs == 0 && r->owners.empty())
-        m.t.erase(std::find_if(m.t.begin(), m.t.end(), [r](auto &kv) { return &kv.second == r; }));
+    std::erase_if(m.t, [](auto &kv) { return kv.second.refs == 0 && kv.second.owners.empty(); });
 }
 
 // The live registration holding `id`, if the input made it.
@@ -125,7 +125,7 @@ bool remove_model(Model &m, sdb_handle h, Obj *obj)
             if (r.refs == 0)
                 return false;
             --r.refs;
-            drop_if_unused(m, &r);
+            drop_unused(m);
             return true;
         }
         for (auto &[id, o] : r.owners)
@@ -136,7 +136,7 @@ bool remove_model(Model &m, sdb_handle h, Obj *obj)
                     o.ctx.erase(o.ctx.begin() + static_cast<long>(i));
                     if (o.ctx.empty())
                         r.owners.erase(id);
-                    drop_if_unused(m, &r);
+                    drop_unused(m);
                     return true;
                 }
     }
@@ -231,11 +231,9 @@ void unreg(Model &m, fz::Ops &in)
     live->live = false;
     m.used_id[id] = false;
     // Its owner records go at once; texts nobody else holds go with them.
-    for (auto it = m.t.begin(); it != m.t.end();) {
-        it->second.owners.erase(id);
-        bool unused = it->second.refs == 0 && it->second.owners.empty();
-        it = unused ? m.t.erase(it) : std::next(it);
-    }
+    for (auto &[k, r] : m.t)
+        r.owners.erase(id);
+    drop_unused(m);
 }
 
 // What the database holds agrees with the model, seen through live handles.
@@ -307,7 +305,8 @@ void saturate(Model &m)
         uint32_t refs = std::exchange(s->refcount, UINT32_MAX);
         auto type = k == r.bytes ? SDB_ASCII_STRING_CASE_SENSITIVE : SDB_ASCII_STRING_CASE_INSENSITIVE;
         sdb_handle h = 7;
-        require(!sdb_add_string(k.c_str(), static_cast<int>(k.size()), type, &h, 0xFFFF, nullptr) && s->refcount == UINT32_MAX);
+        require(!sdb_add_string(k.c_str(), static_cast<int>(k.size()), type, &h, 0xFFFF, nullptr));
+        require(s->refcount == UINT32_MAX);
         s->refcount = refs;
     }
 }

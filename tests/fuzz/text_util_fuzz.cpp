@@ -48,7 +48,9 @@ std::string duration(int expired, unsigned long t)
     // The largest unit that is not 0, and with `expired` 1 the next one if not 0.
     const unsigned long n[] = {w, d, h, m};
     const char *unit[] = {"week", "day", "hour"};
-    auto part = [&](int k) { return k == 3 ? fz::fmt("%lu minutes", m) : fz::fmt("%lu %s%c", n[k], unit[k], n[k] >= 2 ? 's' : ' '); };
+    auto part = [&](int k) {
+        return k == 3 ? fz::fmt("%lu minutes", m) : fz::fmt("%lu %s%c", n[k], unit[k], n[k] >= 2 ? 's' : ' ');
+    };
     int k = 0;
     while (k < 3 && !n[k])
         ++k;
