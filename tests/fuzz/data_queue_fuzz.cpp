@@ -35,19 +35,23 @@ void visit(void *d)
         require(zel_data_unqueue(walk_queue, d) == d);
 }
 
-void put(Model &s, void *d, bool at_head)
+// A queue holding n elements is full (a limit of 0 is none).
+bool full(const queuetype &q, size_t n) { return q.maximum != 0 && static_cast<int>(n) >= q.maximum; }
+
+// Whether a queue with limit `q` holding `m` takes `d`; the model takes it if so.
+bool takes(const queuetype &q, Data &m, void *d, bool at_head)
 {
-    bool full = s.q.maximum != 0 && static_cast<int>(s.m.size()) >= s.q.maximum;
-    void *got = at_head ? zel_data_requeue(&s.q, d) : zel_data_enqueue(&s.q, d);
-    require(got == (full ? nullptr : d));
-    if (!full)
-        at_head ? s.m.push_front(d) : s.m.push_back(d);
+    if (full(q, m.size()))
+        return false;
+    at_head ? m.push_front(d) : m.push_back(d);
+    return true;
 }
 
 void data_step(Model &s, int op, void *d, bool flag, int arg)
 {
     switch (op) {
-    case 0: case 1: put(s, d, op == 1); break;
+    case 0: require(zel_data_enqueue(&s.q, d) == (takes(s.q, s.m, d, false) ? d : nullptr)); break;
+    case 1: require(zel_data_requeue(&s.q, d) == (takes(s.q, s.m, d, true) ? d : nullptr)); break;
     case 2: require(zel_data_dequeue(&s.q) == fz::take_front(s.m)); break;
     case 3: {
         size_t at = fz::index_of(s.m, d);
@@ -79,20 +83,12 @@ void data_step(Model &s, int op, void *d, bool flag, int arg)
 // pending count kept with the queue's own.
 void watched_step(Model &s, int op, void *d, int i)
 {
-    int lim = s.wd->eventQ.maximum;
     switch (op) {
-    case 0: {
-        bool ok = !(lim && static_cast<int>(s.md.size()) >= lim);
-        require(process_data_enqueue(s.wd, d) == ok);
-        if (ok)
-            s.md.push_back(d);
-        break;
-    }
+    case 0: require(process_data_enqueue(s.wd, d) == takes(s.wd->eventQ, s.md, d, false)); break;
     case 1: require(process_data_dequeue(s.wd) == fz::take_front(s.md)); break;
     case 2: {
         Elem *e = &s.el[i];
-        bool linked = has(s.mp, e);
-        bool full = s.wp->eventQ.maximum && static_cast<int>(s.mp.size()) >= s.wp->eventQ.maximum;
+        bool linked = has(s.mp, e), full = ::full(s.wp->eventQ, s.mp.size());
         require(process_enqueue(s.wp, e) == (!linked && !full));
         if (!linked && !full)
             s.mp.push_back(e);
@@ -111,10 +107,8 @@ void watched_step(Model &s, int op, void *d, int i)
 void check(Model &s)
 {
     auto *w = static_cast<elementtype *>(s.q.qhead);
-    for (void *d : s.m) {
-        require(w && w->pakptr == d);
-        w = w->next;
-    }
+    for (size_t k = 0; k < s.m.size(); ++k, w = w->next)
+        require(w && w->pakptr == s.m[k]);
     require(!w && s.q.count == static_cast<int>(s.m.size()));
     require(s.wd->event_count == static_cast<int>(s.md.size()) && s.wd->eventQ.count == s.wd->event_count);
     require(s.wp->event_count == static_cast<int>(s.mp.size()) && s.wp->eventQ.count == s.wp->event_count);
@@ -125,8 +119,7 @@ void check(Model &s)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    fz::start();
-    fz::Ops in{data, size};
+    fz::Ops in = fz::start(data, size);
     Model s{};
     s.wd = create_watched_queue("d", 0, static_cast<int8_t>(in.byte()) % 4);
     s.wp = create_watched_queue("p", 0, static_cast<int8_t>(in.byte()) % 4);

@@ -84,21 +84,18 @@ void create(Model &m, unsigned slots, unsigned per)
 void get(Model &m, unsigned key, void *p)
 {
     idmgr_id_t id = zel_id_get(p, static_cast<id_table_key_t>(key));
+    auto refused = [&](const char *where) { require(id == 0); bad(m, where, 0); };
     Table *t = table(m, key);
-    if (key > 127 || (!t && key != 0)) {
-        require(id == 0);
-        return bad(m, key > 127 ? "id_get (bad table id)" : "id_get (unassigned table id)", 0);
-    }
+    if (key > 127 || (!t && key != 0))
+        return refused(key > 127 ? "id_get (bad table id)" : "id_get (unassigned table id)");
     if (!t)
         t = &(m.t[0] = new_table(32, 1024));
     if (t->freeq.empty()) {
         unsigned slot = 0;
         while (slot < t->slots && !t->s[slot].empty())
             ++slot;
-        if (slot == t->slots) {
-            require(id == 0);
-            return bad(m, "id_get (Out of IDs! out of slots or memory)", 0);
-        }
+        if (slot == t->slots)
+            return refused("id_get (Out of IDs! out of slots or memory)");
         add_slot(*t, key, slot, -1, nullptr);
     }
     Pos at = t->freeq.front();
@@ -107,38 +104,40 @@ void get(Model &m, unsigned key, void *p)
     m.seen.push_back(id);
 }
 
-unsigned reserve_model(Model &m, unsigned key, void *p, idmgr_id_t id)
+void reserve(Model &m, unsigned key, void *p, idmgr_id_t id)
 {
+    unsigned rc = zel_id_reserve(p, static_cast<id_table_key_t>(key), id);
+    auto refused = [&](const char *where) { bad(m, where, id); require(rc == ID_MGR_INVALID_ID); };
     Table *t = table(m, key);
     unsigned v = id - 1, slot = v >> 16 & 0xFF, idx = v & 0xFFFF, seq = v >> 24;
     if (id == 0 || key > 127)
-        return bad(m, "id_reserve (bad id)", id), ID_MGR_INVALID_ID;
+        return refused("id_reserve (bad id)");
     if (!t || slot >= t->slots || idx >= t->per)
-        return bad(m, "id_reserve", id), ID_MGR_INVALID_ID;
+        return refused("id_reserve");
     if (t->norand && seq != 0)
-        return bad(m, "id_reserve: ID Out of Range.", id), ID_MGR_INVALID_ID;
+        return refused("id_reserve: ID Out of Range.");
     if (t->s[slot].empty()) {
         add_slot(*t, key, slot, t->norand ? 0 : int(seq), &idx);
     } else {
         auto it = std::find(t->freeq.begin(), t->freeq.end(), Pos{slot, idx});
         if (it == t->freeq.end())
-            return ID_IN_USE;
+            return require(rc == ID_IN_USE);
         t->freeq.erase(it);
         if (!t->norand)
             t->s[slot][idx].seq = uint8_t(seq);
     }
+    require(rc == ID_MGR_RET_OK);
     assign(*t, {slot, idx}, p);
     m.seen.push_back(id);
-    return ID_MGR_RET_OK;
 }
 
 // The entry `id` names when it is in use, else null; `why` tells the lookup's
-// error (0 when the identifier decodes to an entry).
-Entry *live(Model &m, unsigned key, idmgr_id_t id, const char **why)
+// error: 'i' identifier 0, 't' bad table, 'r' out of range, 0 none.
+Entry *live(Model &m, unsigned key, idmgr_id_t id, char *why)
 {
     Table *t = table(m, key);
     unsigned v = id - 1, slot = v >> 16 & 0xFF, idx = v & 0xFFFF;
-    *why = key > 127 || !t ? "bad table" : slot >= t->slots || t->s[slot].empty() || idx >= t->per ? "range" : nullptr;
+    *why = !id ? 'i' : key > 127 || !t ? 't' : slot >= t->slots || t->s[slot].empty() || idx >= t->per ? 'r' : 0;
     if (*why)
         return nullptr;
     Entry &e = t->s[slot][idx];
@@ -150,25 +149,23 @@ void to_ptr(Model &m, unsigned key, idmgr_id_t id)
 {
     id_mgr_ret rc = ID_IN_USE;
     void *got = zel_id_to_ptr(id, &rc, static_cast<id_table_key_t>(key));
-    const char *why = nullptr;
-    Entry *e = id ? live(m, key, id, &why) : nullptr;
-    if (id == 0)
-        bad(m, "id_to_ptr (bad id)", id);
-    else if (why)
-        bad(m, *why == 'b' ? "id_to_ptr (bad table id)" : "id_to_ptr", id);
-    id_mgr_ret want = id == 0 ? ID_MGR_RET_OK : why ? ID_MGR_RET_ERROR : e ? ID_MGR_RET_OK : ID_MGR_RET_RETIRED;
+    char why;
+    Entry *e = live(m, key, id, &why);
+    if (why)
+        bad(m, why == 'i' ? "id_to_ptr (bad id)" : why == 't' ? "id_to_ptr (bad table id)" : "id_to_ptr", id);
+    id_mgr_ret want = why == 'i' ? ID_MGR_RET_OK : why ? ID_MGR_RET_ERROR : e ? ID_MGR_RET_OK : ID_MGR_RET_RETIRED;
     require(rc == want && got == (e ? e->p : nullptr));
 }
 
 void del(Model &m, unsigned key, idmgr_id_t id)
 {
     zel_id_delete(id, static_cast<id_table_key_t>(key));
-    const char *why = nullptr;
-    Entry *e = id ? live(m, key, id, &why) : nullptr;
-    if (id == 0)
+    char why;
+    Entry *e = live(m, key, id, &why);
+    if (why == 'i')
         return bad(m, "id_delete (bad id)", id);
     if (why)
-        return bad(m, *why == 'b' ? "id_delete (bad table key)" : "id_delete", id - 1);
+        return bad(m, why == 't' ? "id_delete (bad table key)" : "id_delete", id - 1);
     if (!e)
         return;
     Table &t = *table(m, key);
@@ -221,8 +218,8 @@ void walk(Model &m, unsigned key, idmgr_id_t id, bool this_or_next)
     boolean wrapped = 9;
     auto fn = this_or_next ? zel_id_get_this_or_next : zel_id_get_next_id_ptr;
     void *got = fn(id, &next, &rc, static_cast<id_table_key_t>(key), &wrapped);
-    const char *why = nullptr;
-    Entry *e = this_or_next && id ? live(m, key, id, &why) : nullptr;
+    char why;
+    Entry *e = this_or_next ? live(m, key, id, &why) : nullptr;
     if (e && e->p)
         return require(got == e->p && next == id && rc == ID_MGR_RET_OK && !wrapped);
     Table *t = table(m, key);
@@ -307,12 +304,7 @@ void step(Model &m, fz::Ops &in)
     case 0: create(m, in.pick(5), in.pick(6)); break;
     case 1: set_norand(m, key); break;
     case 2: case 3: get(m, key, p); break;
-    case 4: {
-        idmgr_id_t id = id_of(m, in);
-        unsigned rc = zel_id_reserve(p, static_cast<id_table_key_t>(key), id);
-        require(rc == reserve_model(m, key, p, id));
-        break;
-    }
+    case 4: reserve(m, key, p, id_of(m, in)); break;
     case 5: to_ptr(m, key, id_of(m, in)); break;
     case 6: del(m, key, id_of(m, in)); break;
     case 7: case 8: walk(m, key, id_of(m, in), op == 8); break;
@@ -330,12 +322,11 @@ void step(Model &m, fz::Ops &in)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    fz::start();
+    fz::Ops in = fz::start(data, size);
     for (unsigned k = 0; k < ID_MGR_MAX_TABLES; ++k)
         if (zel_g_id_manager_table[k])
             zel_id_destroy_table(static_cast<id_table_key_t>(k));
     Model m;
-    fz::Ops in{data, size};
     while (in.more())
         step(m, in);
     return 0;

@@ -4,6 +4,7 @@
 // list a std::deque of data (small integers as pointers) and, for a plain list,
 // of the pool records that carry them. The registry holds the named lists in
 // creation order.
+#include <algorithm>
 #include <deque>
 
 #include <vobrel/list.h>
@@ -67,25 +68,18 @@ void destroy(Model &m, int i)
         m.pool[e] = {}, m.where[e] = -1;
 }
 
-list_element *pick_elem(Model &m, L &l, int e)
-{
-    return l.automatic ? nullptr : &m.pool[e];
-}
-
 void add(Model &m, int i, int e, int v, int how)
 {
     L &l = m.l[i];
-    list_element *el = pick_elem(m, l, e);
-    bool fits = !l.max || l.data.size() < l.max;
-    bool free_el = l.automatic || m.where[e] < 0;
-    size_t pos = how == 1 ? 0 : l.data.size();
-    bool unique = true;
-    if (how == 2) {
-        pos = 0;
-        while (pos < l.data.size() && cmp(l.data[pos], datum(v)) < 0)
-            ++pos;
-        unique = pos == l.data.size() || l.data[pos] != datum(v);
-    }
+    list_element *el = l.automatic ? nullptr : &m.pool[e]; // an automatic list makes its own
+    bool fits = !l.max || l.data.size() < l.max, free_el = l.automatic || m.where[e] < 0;
+    // Enqueue: at the end; requeue: at the front; insert: before the first datum
+    // not below v, refused when that one equals v.
+    auto at = how == 0   ? l.data.end()
+              : how == 1 ? l.data.begin()
+                         : std::find_if(l.data.begin(), l.data.end(), [v](void *x) { return cmp(x, datum(v)) >= 0; });
+    size_t pos = static_cast<size_t>(at - l.data.begin());
+    bool unique = how != 2 || at == l.data.end() || *at != datum(v);
     boolean ok = how == 0 ? list_enqueue(l.h, el, datum(v)) : how == 1 ? list_requeue(l.h, el, datum(v))
                                                                   : list_insert(l.h, el, datum(v), cmp);
     require(ok == (fits && free_el && unique));
@@ -158,12 +152,12 @@ void check(Model &m)
         std::deque<void *> seen;
         list_element *prev = nullptr;
         for (list_element *e = l.h->head; e && seen.size() <= l.data.size(); prev = e, e = e->next) {
-            require(e->prev == prev && e->list == l.h);
+            size_t k = seen.size(); // a plain list links the very records the model names
+            require(e->prev == prev && e->list == l.h &&
+                    (l.automatic || (k < l.elems.size() && e == &m.pool[l.elems[k]])));
             seen.push_back(e->data);
         }
         require(seen == l.data && l.h->tail == prev && l.h->count == l.data.size());
-        for (size_t k = 0; k < l.elems.size(); ++k)
-            require(m.pool[l.elems[k]].data == l.data[k]);
         std::deque<void *> walked;
         list_element *el = l.h->head, *next = el ? el->next : nullptr;
         void *d = el ? el->data : nullptr;
@@ -223,11 +217,10 @@ void step(Model &m, fz::Ops &in)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    fz::start();
+    fz::Ops in = fz::start(data, size);
     zel_list_init();
     zel_memory_list_init();
     Model m{};
-    fz::Ops in{data, size};
     std::fill(std::begin(m.where), std::end(m.where), -1);
     for (int i = 0; i < 3; ++i)
         create(m, i, in);

@@ -38,8 +38,12 @@ bool foreign_tail(const Model &s, int q, int i)
     return s.where[i] == 1 - q && s.m[1 - q].back() == i;
 }
 
-void add_at(Model &s, int q, size_t pos, int i)
+// The library took element i onto q at model position pos, or refused it.
+void inserted(Model &s, int q, int i, bool ok, size_t pos, const char *op)
 {
+    require(ok == (s.where[i] < 0));
+    if (!ok)
+        return raise(s, kLinked, op, &s.el[i], q);
     s.m[q].insert(s.m[q].begin() + static_cast<long>(pos), i);
     s.where[i] = q;
     ++s.count[q];
@@ -62,6 +66,12 @@ void *head(Model &s, int q)
     return s.m[q].empty() ? nullptr : &s.el[s.m[q].front()];
 }
 
+// -2: null, -1: the header, else an element.
+void *addr(Model &s, int q, int prev)
+{
+    return prev == -2 ? nullptr : prev == -1 ? static_cast<void *>(&s.h[q]) : &s.el[prev];
+}
+
 // The element after `prev` (-1: the header) in the model, or -1.
 int succ(const Model &s, int q, int prev)
 {
@@ -79,11 +89,7 @@ void insert(Model &s, int q, int i, bool at_head, bool locked)
         return;
     bool ok = at_head ? (locked ? zel_requeue : zel_p_requeue)(&s.h[q], &s.el[i])
                       : (locked ? zel_enqueue : zel_p_enqueue)(&s.h[q], &s.el[i]);
-    require(ok == (s.where[i] < 0));
-    if (ok)
-        add_at(s, q, at_head ? 0 : s.m[q].size(), i);
-    else
-        raise(s, kLinked, at_head ? "requeue" : "enqueue", &s.el[i], q);
+    inserted(s, q, i, ok, at_head ? 0 : s.m[q].size(), at_head ? "requeue" : "enqueue");
 }
 
 void dequeue(Model &s, int q, bool locked)
@@ -108,33 +114,26 @@ void unqueuenext(Model &s, int q, int prev, bool locked)
 {
     if (prev >= 0 && s.where[prev] == 1 - q)
         return;
-    void *p = prev < 0 ? static_cast<void *>(&s.h[q]) : &s.el[prev];
-    require((locked ? zel_unqueuenext : zel_p_unqueuenext)(&s.h[q], p));
+    require((locked ? zel_unqueuenext : zel_p_unqueuenext)(&s.h[q], addr(s, q, prev)));
     if (int v = succ(s, q, prev); v >= 0)
         take(s, q, v, "p_unqueuenext");
 }
 
-// paddr: -2 null, -1 the header, else an element on this queue.
 void insqueue(Model &s, int q, int i, int prev)
 {
     if (foreign_tail(s, q, i) || (prev >= 0 && s.where[prev] != q))
         return;
-    void *p = prev == -2 ? nullptr : prev == -1 ? static_cast<void *>(&s.h[q]) : &s.el[prev];
-    bool ok = zel_insqueue(&s.h[q], &s.el[i], p);
-    require(ok == (s.where[i] < 0));
-    if (!ok)
-        return raise(s, kLinked, prev == -2 ? "requeue" : "insqueue", &s.el[i], q);
-    add_at(s, q, prev < 0 ? 0 : fz::index_of(s.m[q], prev) + 1, i);
+    bool ok = zel_insqueue(&s.h[q], &s.el[i], addr(s, q, prev));
+    inserted(s, q, i, ok, prev < 0 ? 0 : fz::index_of(s.m[q], prev) + 1, prev == -2 ? "requeue" : "insqueue");
 }
 
-// i: -1 for a null element; prev: -2 null, -1 the header, else an element.
+// i: -1 for a null element.
 void remqueue(Model &s, int q, int i, int prev)
 {
     if ((i >= 0 && s.where[i] == 1 - q) || (prev >= 0 && s.where[prev] == 1 - q))
         return;
     void *e = i < 0 ? nullptr : &s.el[i];
-    void *p = prev == -2 ? nullptr : prev == -1 ? static_cast<void *>(&s.h[q]) : &s.el[prev];
-    void *got = zel_remqueue(&s.h[q], e, p);
+    void *got = zel_remqueue(&s.h[q], e, addr(s, q, prev));
     if (prev == -2 && e == head(s, q)) {
         require(got == e);
         if (e)
@@ -173,33 +172,29 @@ void insert_comp(Model &s, int q, int i, int key)
         return;
     if (s.where[i] < 0)
         s.el[i].key = key;
+    // It enqueues onto an empty queue, which refuses a linked element.
     require(zel_queue_insert_comp(&s.h[q], &s.el[i], by_key));
-    if (s.m[q].empty() && s.where[i] >= 0)
-        return raise(s, kLinked, "enqueue", &s.el[i], q);
     size_t pos = 0;
     while (pos < s.m[q].size() && s.el[s.m[q][pos]].key <= s.el[i].key)
         ++pos;
-    add_at(s, q, pos, i);
+    inserted(s, q, i, s.where[i] < 0, pos, "enqueue");
 }
 
 void validate(Model &s, int q, bool print)
 {
     int n = s.count[q], len = static_cast<int>(s.m[q].size());
-    bool bad = n < 0 || (s.h[q].maximum > 0 && n > s.h[q].maximum) || n != len;
-    const void *named = !bad || n < 0 || (s.h[q].maximum > 0 && n > s.h[q].maximum) || len < n ? nullptr
-                                                                                                 : &s.el[s.m[q][n]];
+    bool over = n < 0 || (s.h[q].maximum > 0 && n > s.h[q].maximum), bad = over || n != len;
     require(zel_validqueue(&s.h[q], print) == !bad);
-    if (bad && print)
-        raise(s, kLinked, "validqueue", named, q);
+    if (bad && print) // names the element at the count, when the chain has one
+        raise(s, kLinked, "validqueue", over || len < n ? nullptr : &s.el[s.m[q][n]], q);
 }
 
 void init(Model &s, int q, int maximum)
 {
     if (!s.m[q].empty())
         return;
-    bool ok = zel_queue_init(&s.h[q], maximum);
-    require(ok == (maximum >= 0));
-    if (ok)
+    require(zel_queue_init(&s.h[q], maximum) == (maximum >= 0));
+    if (maximum >= 0)
         s.count[q] = 0;
 }
 
@@ -208,10 +203,8 @@ void check(Model &s, int q, int probe)
 {
     const queuetype &h = s.h[q];
     auto *e = static_cast<Elem *>(h.qhead);
-    for (int i : s.m[q]) {
-        require(e == &s.el[i]);
-        e = e->next;
-    }
+    for (size_t k = 0; k < s.m[q].size(); ++k, e = e->next)
+        require(e == &s.el[s.m[q][k]]);
     require(e == nullptr && h.qtail == (s.m[q].empty() ? nullptr : &s.el[s.m[q].back()]));
     require(h.count == s.count[q] && zel_queryqueuedepth(&h) == s.count[q]);
     require(zel_queryqueuesize(&h) == h.maximum && zel_peekqueuehead(&h) == h.qhead && zel_peekqueuetail(&h) == h.qtail);
@@ -247,7 +240,6 @@ void step(Model &s, fz::Ops &in)
     case 10: validate(s, q, flag); break;
     case 11: s.h[q].count = s.count[q] = static_cast<int>(s.m[q].size()) + (arg % 3); break;
     case 12: init(s, q, arg % 6); break;
-    default: break;
     }
     fz::reported(s.want);
     check(s, 0, i);
@@ -258,10 +250,9 @@ void step(Model &s, fz::Ops &in)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    fz::start();
+    fz::Ops in = fz::start(data, size);
     Model s{};
     std::fill(std::begin(s.where), std::end(s.where), -1);
-    fz::Ops in{data, size};
     while (in.more())
         step(s, in);
     return 0;

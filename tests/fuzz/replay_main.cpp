@@ -3,7 +3,6 @@
 // fixed rng start value, through LLVMFuzzerTestOneInput.
 //   <target>_model CORPUS_DIR [RANDOM_INPUTS [RNG_START]]
 // A difference from the model traps; the input's name is printed first.
-#include <dirent.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -12,6 +11,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -36,23 +38,15 @@ int main(int argc, char **argv)
         return fprintf(stderr, "usage: %s CORPUS_DIR [RANDOM_INPUTS [RNG_START]]\n", argv[0]), 2;
     for (int sig : {SIGILL, SIGTRAP, SIGSEGV, SIGABRT, SIGBUS, SIGFPE})
         signal(sig, say_input);
-    std::vector<std::string> names;
-    if (DIR *d = opendir(argv[1])) {
-        while (dirent *e = readdir(d))
-            if (e->d_name[0] != '.')
-                names.push_back(e->d_name);
-        closedir(d);
-    }
+    std::vector<std::filesystem::path> names;
+    std::error_code missing; // no corpus: random inputs only
+    for (const auto &e : std::filesystem::directory_iterator(argv[1], missing))
+        names.push_back(e.path());
     std::sort(names.begin(), names.end());
-    for (const std::string &n : names) {
-        std::string path = std::string(argv[1]) + "/" + n;
+    for (const auto &path : names) {
         snprintf(current, sizeof current, "failed on corpus input %s\n", path.c_str());
-        std::vector<uint8_t> in;
-        if (FILE *f = fopen(path.c_str(), "rbe")) {
-            for (int c; (c = getc(f)) != EOF;)
-                in.push_back(static_cast<uint8_t>(c));
-            fclose(f);
-        }
+        std::ifstream f(path, std::ios::binary);
+        std::vector<uint8_t> in{std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
         LLVMFuzzerTestOneInput(in.data(), in.size());
     }
     unsigned long count = argc > 2 ? strtoul(argv[2], nullptr, 0) : 2000;

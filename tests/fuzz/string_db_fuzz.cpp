@@ -8,6 +8,7 @@
 #include <cctype>
 #include <cstring>
 #include <map>
+#include <utility>
 #include <vector>
 
 #include <vobrel/string_db.h>
@@ -39,12 +40,10 @@ sdb_handle confirm(void *o)
 }
 sdb_handle confirm_too(void *o) { return confirm(o); } // the same answer from another callback
 
-std::string key_of(const std::string &b, int type)
+std::string key_of(std::string k, int type)
 {
-    std::string k = b;
     if (type == SDB_ASCII_STRING_CASE_INSENSITIVE)
-        for (char &c : k)
-            c = static_cast<char>(toupper(c));
+        std::transform(k.begin(), k.end(), k.begin(), toupper);
     return k;
 }
 
@@ -54,18 +53,19 @@ Rec *lookup(Model &m, const std::string &b, int type)
     return it == m.t.end() ? nullptr : &it->second;
 }
 
-void drop_if_unused(Model &m, Rec *r)
+// A text nobody holds any more is gone.
+void drop_unused(Model &m)
 {
-    if (r->refs == 0 && r->owners.empty())
-        m.t.erase(std::find_if(m.t.begin(), m.t.end(), [r](auto &kv) { return &kv.second == r; }));
+    std::erase_if(m.t, [](auto &kv) { return kv.second.refs == 0 && kv.second.owners.empty(); });
 }
 
-bool is_unique(Model &m, unsigned id)
+// The live registration holding `id`, if the input made it.
+Comp *registered(Model &m, unsigned id)
 {
     for (Comp &c : m.comps)
         if (c.id == id && c.live)
-            return c.unique;
-    return false;
+            return &c;
+    return nullptr;
 }
 
 // The add as the database should do it; `got` is the handle it wrote.
@@ -87,7 +87,7 @@ bool add_model(Model &m, const std::string &b, int len, int type, unsigned id, O
     if (!r)
         r = &(m.t[key_of(b, type)] = Rec{b, 0, 0, {}});
     if (owned)
-        r->owners[id] = Own{{{obj, got}}, is_unique(m, id)};
+        r->owners[id] = Own{{{obj, got}}, registered(m, id) && registered(m, id)->unique};
     else if (r->refs++ == 0 && !r->anon)
         r->anon = got;
     return true;
@@ -125,7 +125,7 @@ bool remove_model(Model &m, sdb_handle h, Obj *obj)
             if (r.refs == 0)
                 return false;
             --r.refs;
-            drop_if_unused(m, &r);
+            drop_unused(m);
             return true;
         }
         for (auto &[id, o] : r.owners)
@@ -136,7 +136,7 @@ bool remove_model(Model &m, sdb_handle h, Obj *obj)
                     o.ctx.erase(o.ctx.begin() + static_cast<long>(i));
                     if (o.ctx.empty())
                         r.owners.erase(id);
-                    drop_if_unused(m, &r);
+                    drop_unused(m);
                     return true;
                 }
     }
@@ -219,9 +219,7 @@ void unreg(Model &m, fz::Ops &in)
         return;
     // The id may be held by a newer registration now: that one is freed.
     ushort id = m.comps[in.pick(static_cast<unsigned>(m.comps.size()))].id;
-    Comp *live = nullptr;
-    for (Comp &c : m.comps)
-        live = c.id == id && c.live ? &c : live;
+    Comp *live = registered(m, id);
     int how = in.pick(3);
     auto cb = how == 0 ? confirm : how == 1 ? confirm_too : nullptr;
     if (!live && !cb) // a freed entry is cleared: its null callback matches
@@ -230,15 +228,12 @@ void unreg(Model &m, fz::Ops &in)
     require(ok == (live && cb == live->cb));
     if (!ok)
         return;
-    Comp &c = *live;
-    c.live = false;
-    m.used_id[c.id] = false;
+    live->live = false;
+    m.used_id[id] = false;
     // Its owner records go at once; texts nobody else holds go with them.
-    for (auto it = m.t.begin(); it != m.t.end();) {
-        it->second.owners.erase(c.id);
-        bool unused = it->second.refs == 0 && it->second.owners.empty();
-        it = unused ? m.t.erase(it) : std::next(it);
-    }
+    for (auto &[k, r] : m.t)
+        r.owners.erase(id);
+    drop_unused(m);
 }
 
 // What the database holds agrees with the model, seen through live handles.
@@ -300,9 +295,26 @@ void step(Model &m, fz::Ops &in)
     check(m);
 }
 
+// A text whose anonymous count is at its top refuses one more reference.
+void saturate(Model &m)
+{
+    for (auto &[k, r] : m.t) {
+        if (!r.refs)
+            continue;
+        auto *s = reinterpret_cast<sdb_string *>(r.anon - SDB_TAG_STRING);
+        uint32_t refs = std::exchange(s->refcount, UINT32_MAX);
+        auto type = k == r.bytes ? SDB_ASCII_STRING_CASE_SENSITIVE : SDB_ASCII_STRING_CASE_INSENSITIVE;
+        sdb_handle h = 7;
+        require(!sdb_add_string(k.c_str(), static_cast<int>(k.size()), type, &h, 0xFFFF, nullptr));
+        require(s->refcount == UINT32_MAX);
+        s->refcount = refs;
+    }
+}
+
 // Gives back everything the input took.
 void clean(Model &m)
 {
+    saturate(m);
     for (std::vector<Ctx> hs; !(hs = live(m)).empty();) {
         Ctx c = hs.front();
         Rec *r = nullptr;
@@ -324,12 +336,11 @@ void clean(Model &m)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    fz::start();
+    fz::Ops in = fz::start(data, size);
     Model m{};
     m.strings0 = sdb_number_strings;
     for (ushort id = 0; id < sdb_max_users; ++id)
         m.used_id.push_back(!sdb_owner_info_array[id].unregistered);
-    fz::Ops in{data, size};
     while (in.more())
         step(m, in);
     clean(m);

@@ -16,10 +16,11 @@ namespace {
 using fz::require;
 constexpr char kCanary = '\x5a';
 
-// The buffer holds `want` and its NUL, and the canaries behind `len` are whole.
+// The buffer holds `want` and its NUL (as far as `len` reaches), and the
+// canaries behind `len` are whole.
 void require_written(const std::vector<char> &buf, const std::string &want, size_t len)
 {
-    require(memcmp(buf.data(), want.c_str(), want.size() + 1) == 0);
+    require(memcmp(buf.data(), want.c_str(), std::min(want.size() + 1, len)) == 0);
     require(std::all_of(buf.begin() + static_cast<long>(len), buf.end(), [](char c) { return c == kCanary; }));
 }
 
@@ -30,12 +31,9 @@ void copy(fz::Ops &in)
     unsigned long max = in.pick(33);
     std::vector<char> dst(max + 4, kCanary);
     require(zel_sstrncpy(dst.data(), null_src ? nullptr : src.c_str(), max) == dst.data());
-    if (max == 0) { // room for nothing: nothing written, not even the NUL
-        require(std::all_of(dst.begin(), dst.end(), [](char c) { return c == kCanary; }));
-        return;
-    }
-    std::string want = null_src ? "" : std::string(src.c_str()).substr(0, max - 1);
-    require_written(dst, want, want.size() + 1);
+    // Room for nothing: nothing written, not even the NUL.
+    std::string want = null_src || !max ? "" : std::string(src.c_str()).substr(0, max - 1);
+    require_written(dst, want, max ? want.size() + 1 : 0);
 }
 
 std::string duration(int expired, unsigned long t)
@@ -47,15 +45,16 @@ std::string duration(int expired, unsigned long t)
         ++d, h = 0;
     if (d == 7)
         ++w, d = 0;
-    auto mark = [](unsigned long n) { return n >= 2 ? 's' : ' '; };
-    bool two = expired == 1;
-    if (w)
-        return two && d ? fz::fmt("%lu week%c and %lu day%c", w, mark(w), d, mark(d)) : fz::fmt("%lu week%c", w, mark(w));
-    if (d)
-        return two && h ? fz::fmt("%lu day%c and %lu hour%c", d, mark(d), h, mark(h)) : fz::fmt("%lu day%c", d, mark(d));
-    if (h)
-        return two && m ? fz::fmt("%lu hour%c and %lu minutes", h, mark(h), m) : fz::fmt("%lu hour%c", h, mark(h));
-    return fz::fmt("%lu minutes", m);
+    // The largest unit that is not 0, and with `expired` 1 the next one if not 0.
+    const unsigned long n[] = {w, d, h, m};
+    const char *unit[] = {"week", "day", "hour"};
+    auto part = [&](int k) {
+        return k == 3 ? fz::fmt("%lu minutes", m) : fz::fmt("%lu %s%c", n[k], unit[k], n[k] >= 2 ? 's' : ' ');
+    };
+    int k = 0;
+    while (k < 3 && !n[k])
+        ++k;
+    return expired == 1 && k < 3 && n[k + 1] ? part(k) + " and " + part(k + 1) : part(k);
 }
 
 void time_text(fz::Ops &in)
@@ -117,8 +116,7 @@ void parse(fz::Ops &in)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    fz::start();
-    fz::Ops in{data, size};
+    fz::Ops in = fz::start(data, size);
     while (in.more()) {
         switch (in.pick(4)) {
         case 0: copy(in); break;
