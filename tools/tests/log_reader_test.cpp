@@ -92,8 +92,7 @@ Result tool(Strings args)
 {
     args.insert(args.begin(), VOBREL_LOG_TOOL);
     Child run(args);
-    int status = run.status();
-    return {status, run.out()};
+    return {run.status(), run.out()}; // in this order: a braced list is read left to right
 }
 
 // Hand-made files.
@@ -112,15 +111,15 @@ std::string file(const std::string &newer, const std::string &older, int number,
     return header + newer + older;
 }
 
-// A process of its own that logs under `name`, then ends.
-void log_as(const char *name, int records, int pad, int from = 0)
+// A process of its own that logs `records` records under `name`, then ends.
+void log_as(const char *name, int records)
 {
     fake::log_dir(); // made now, for the child to write into
     pid_t child = fork();
     if (child == 0) {
         snprintf(vob_proc_name, sizeof vob_proc_name, "%s", name);
-        for (int i = from; i < from + records; ++i)
-            vobrel_write_to_log(nullptr, 0, "%s %d %s", name, i, std::string(static_cast<size_t>(i * pad % 40), '.').c_str());
+        for (int i = 0; i < records; ++i)
+            vobrel_write_to_log(nullptr, 0, "%s %d %.*s", name, i, i, "..");
         _exit(0);
     }
     ASSERT_GT(child, 0);
@@ -245,7 +244,7 @@ TEST(LogReaderOnDamagedFiles, ThoseTooBigForTheMemoryAtHandAreSkipped)
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "a sanitizer's shadow memory does not fit an address-space limit";
 #endif
-    log_as("small", 1, 1);
+    log_as("small", 1);
     const std::string store = fake::log_dir() + "/vobrel.log";
     std::string many = kOpen;
     for (int i = 0; i < 800000; ++i)
@@ -280,7 +279,7 @@ TEST(LogReaderOnDamagedFiles, PlantedStoreEntriesAreNamedEscapedAndSkipped)
     ASSERT_EQ(symlink(secret.c_str(), (store + ".\x1b]0;owned\x07").c_str()), 0);
     ASSERT_EQ(link(secret.c_str(), (store + ".hard").c_str()), 0);
     ASSERT_EQ(mkfifo((store + ".fifo").c_str(), 0600), 0);
-    log_as("ok\x1b[2J", 1, 1);
+    log_as("ok\x1b[2J", 1);
     for (const char *mode : {"--check", "--json", "--lines=9"}) {
         const Result run = tool({mode, store});
         EXPECT_EQ(run.status, 9);
@@ -349,7 +348,7 @@ TEST(LogReaderFollow, FollowsAStoreAcrossWrapsAndFilesThatAppearLater)
         // Two at a time, so that nothing is overwritten unread.
         ASSERT_TRUE(i % 2 == 0 || follow.wait_for(": " + m + "\n")) << follow.out();
     }
-    log_as("late", 2, 1);
+    log_as("late", 2);
     ASSERT_TRUE(follow.wait_for(": late 1 .\n")) << follow.out();
     vobrel_write_to_log(nullptr, 0, "after late");
     ASSERT_TRUE(follow.wait_for(": after late\n")) << follow.out();
