@@ -21,23 +21,20 @@ void require(bool ok)
         __builtin_trap();
 }
 
-bool inside(std::string_view whole, std::string_view part)
-{
-    return part.empty() || (part.data() >= whole.data() && part.data() + part.size() <= whole.data() + whole.size());
-}
-
 void json_is_clean(const std::string &j)
 {
     require(logread::valid_utf8(j));
-    for (size_t i = 0; i + 1 < j.size(); ++i) { // no C0 nor C1 control character
-        auto c = [&](size_t k) { return static_cast<unsigned char>(j[k]); };
-        require(c(i) >= 0x20 && !(c(i) == 0xc2 && c(i + 1) < 0xa0));
-    }
+    const auto *c = reinterpret_cast<const unsigned char *>(j.data());
+    for (size_t i = 0; i + 1 < j.size(); ++i) // no C0 nor C1 control character
+        require(c[i] >= 0x20 && !(c[i] == 0xc2 && c[i + 1] < 0xa0));
 }
 
 void exercise(std::string_view bytes, const logread::Log &log)
 {
-    size_t pos = static_cast<size_t>(log.header_position);
+    const size_t pos = static_cast<size_t>(log.header_position);
+    auto inside = [&](std::string_view part) {
+        return part.empty() || (part.data() >= bytes.data() && part.data() + part.size() <= bytes.data() + bytes.size());
+    };
     require(log.newer_first <= log.items.size());
     for (size_t i = 0; i < log.items.size(); ++i) {
         const logread::Item &it = log.items[i];
@@ -45,8 +42,7 @@ void exercise(std::string_view bytes, const logread::Log &log)
         require(i < log.newer_first ? it.offset >= pos : it.end <= pos);
         if (i + 1 < log.items.size() && i + 1 != log.newer_first)
             require(it.end <= log.items[i + 1].offset);
-        require(inside(bytes, it.message) && inside(bytes, it.time) && inside(bytes, it.function) &&
-                inside(bytes, it.version));
+        require(inside(it.message) && inside(it.time) && inside(it.function) && inside(it.version));
         require(logread::format_text(it, "p\x1b").back() == '\n');
         std::string j = logread::format_json(it, i % 2 ? "\xff" : "");
         require(j.back() == '\n');
@@ -54,17 +50,13 @@ void exercise(std::string_view bytes, const logread::Log &log)
     }
     logread::check(bytes, log);
 
-    logread::Filter f;
-    f.from_record_set = true;
-    f.from_record = 1;
+    logread::Filter f{.from_record_set = true, .from_record = 1, .grep_set = true, .grep = "a"};
     if (!log.items.empty()) { // a range that the stamps may fall in, or not
         f.since = std::string(log.items.front().time);
         f.until = std::string(log.items.back().time);
     }
-    f.grep_set = true;
-    f.grep = "a";
     logread::Selector sel(f);
-    auto items = logread::all_items(log);
+    const auto items = logread::all_items(log);
     sel.first(items);
     sel.next(items);
 }
