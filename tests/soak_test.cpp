@@ -113,7 +113,8 @@ TEST(Soak, EightThreadsLogAndReport)
         std::sscanf(records[r].message.c_str(), "%*[a-z] %d-%d", &t, &i);
         t = std::clamp(t, 0, kThreads - 1);
         const std::string want = (i % 4 == 3 ? "raised " : "logged ") + std::to_string(t) + "-" + std::to_string(i);
-        bad += records[r].message != want || i != next[t]++ || (r > 0 && records[r].number != records[r - 1].number + 1);
+        bad += records[r].message != want || i != next[t]++ ||
+               (r > 0 && records[r].number != records[r - 1].number + 1);
         raised += i % 4 == 3;
     }
     EXPECT_TRUE(next == written && bad == 0);

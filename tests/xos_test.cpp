@@ -39,13 +39,11 @@ extern "C" int nanosleep(const timespec *req, timespec *rem)
     if (!asked)
         return libc_nanosleep(req, rem);
     asked->push_back(req->tv_sec);
-    if (asked->size() > 1) {
-        errno = asked->size() > 2 ? 0 : errno;
-        return 0;
-    }
-    *rem = {req->tv_sec - 15, 0};
-    errno = EINTR;
-    return -1;
+    const size_t call = asked->size();
+    if (call == 1)
+        *rem = {req->tv_sec - 15, 0};
+    errno = call == 1 ? EINTR : call == 2 ? errno : 0;
+    return call == 1 ? -1 : 0;
 }
 
 TEST(XosProcess, WaitOnSystemInitSleepsTwentySecondsThroughSignals)
