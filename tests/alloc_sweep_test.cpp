@@ -39,12 +39,10 @@ template <class Op, class Check> int sweep(const char *what, Op op, Check check)
         const bool failed = allocfail::count() > n;
         allocfail::reset();
         check(failed, result);
-        if (::testing::Test::HasFatalFailure())
-            return n;
-        if (!failed) {
+        if (!failed)
             std::printf("sweep %s: %d failure points\n", what, n);
+        if (!failed || ::testing::Test::HasFatalFailure())
             return n;
-        }
     }
     ADD_FAILURE() << what << " never completed";
     return -1;

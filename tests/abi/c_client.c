@@ -47,14 +47,6 @@ vobrel_platform_status_type vobrel_platform_get_log_store_path(int *path_len, ch
     return VOBREL_PLATFORM_OK;
 }
 
-static void expect_str(const char *what, const char *got, const char *want)
-{
-    if (strcmp(got, want) != 0) {
-        fprintf(stderr, "%s: got \"%s\", want \"%s\"\n", what, got, want);
-        ++failures;
-    }
-}
-
 int main(void)
 {
     char dir[] = "/tmp/vobrel-cclient-XXXXXX", file[300];
@@ -65,17 +57,17 @@ int main(void)
 
     /* A report crosses the ABI both ways: to the client's syslog and to the log file. */
     xos_errmsg("main", __LINE__, &msg_SYS_QCOUNT, "dequeue", 0x1234u, 3);
-    expect_str("syslog", last_syslog, "%SYS-2-QCOUNT:Bad dequeue 1234 count 3");
-    failures += last_severity != 2;
+    failures += strcmp(last_syslog, "%SYS-2-QCOUNT:Bad dequeue 1234 count 3") != 0 || last_severity != 2;
     buginf("\nvalue=%d", 7);
-    expect_str("buginf", last_debug, "DBG:value=7");
-    expect_str("rc", vobrel_decode_rc(VOBREL_TIMEOUT), "Operation timed out");
-    expect_str("version", vobrel_get_qmt_version(), "1.2.1 Build 0");
+    failures += strcmp(last_debug, "DBG:value=7") != 0;
+    failures += strcmp(vobrel_decode_rc(VOBREL_TIMEOUT), "Operation timed out") != 0;
+    failures += strcmp(vobrel_get_qmt_version(), "1.2.1 Build 0") != 0;
 
     snprintf(file, sizeof file, "%s.%s", store, vob_proc_name);
     failures += access(file, R_OK) != 0;
     unlink(file);
     rmdir(dir);
-    printf("c_client: %s\n", failures ? "FAILED" : "ok");
+    printf("c_client: %s (syslog \"%s\" at %d, debug \"%s\")\n", failures ? "FAILED" : "ok", last_syslog, last_severity,
+           last_debug);
     return failures ? 1 : 0;
 }

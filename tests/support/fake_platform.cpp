@@ -67,11 +67,9 @@ std::string dir_locked()
     if (g_dir.empty()) {
         const char *base = getenv("TMPDIR");
         std::string tmpl = std::string(base && *base ? base : "/tmp") + "/vobrel-test-XXXXXX";
-        std::vector<char> buf(tmpl.begin(), tmpl.end());
-        buf.push_back('\0');
-        if (!mkdtemp(buf.data()))
+        if (!mkdtemp(tmpl.data()))
             abort();
-        g_dir = buf.data();
+        g_dir = tmpl;
         g_dir_owner = getpid();
         atexit(remove_dir);
     }
