@@ -62,6 +62,7 @@ int main(void)
     failures += strcmp(last_debug, "DBG:value=7") != 0;
     failures += strcmp(vobrel_decode_rc(VOBREL_TIMEOUT), "Operation timed out") != 0;
     failures += strcmp(vobrel_get_qmt_version(), "1.2.1 Build 0") != 0;
+    failures += vobrel_get_version_common() != vobrel_get_qmt_version();
 
     snprintf(file, sizeof file, "%s.%s", store, vob_proc_name);
     failures += access(file, R_OK) != 0;
