@@ -27,7 +27,6 @@ using vobrel::detail::sdb_test_get_sdb_handle_from_struct;
 
 namespace {
 
-
 // Runs op() with allocation n = 0, 1, ... failing until a run sees no failure;
 // check(failed, result) after each run, with the recordings of that run.
 // Returns the number of failure points.
@@ -40,12 +39,10 @@ template <class Op, class Check> int sweep(const char *what, Op op, Check check)
         const bool failed = allocfail::count() > n;
         allocfail::reset();
         check(failed, result);
-        if (::testing::Test::HasFatalFailure())
-            return n;
-        if (!failed) {
+        if (!failed)
             std::printf("sweep %s: %d failure points\n", what, n);
+        if (!failed || ::testing::Test::HasFatalFailure())
             return n;
-        }
     }
     ADD_FAILURE() << what << " never completed";
     return -1;
@@ -72,7 +69,7 @@ TEST_F(Sweep, DataQueueEnqueueAndRequeue)
     ASSERT_TRUE(zel_queue_init(&q, 0));
     zel_data_enqueue(&q, &d[0]);
     for (bool requeue : {false, true}) {
-        int points = sweep(
+        EXPECT_EQ(sweep(
             "data enqueue",
             [&] { return requeue ? zel_data_requeue(&q, &d[1]) : zel_data_enqueue(&q, &d[1]); },
             [&](bool failed, void *r) {
@@ -82,8 +79,7 @@ TEST_F(Sweep, DataQueueEnqueueAndRequeue)
                 // Only enqueue reports the missing wrapper.
                 EXPECT_EQ(has_line("%SYS-3-NOELEMENT:data_enqueue:Ran out of buffer elements for enqueue"),
                           failed && !requeue);
-            });
-        EXPECT_EQ(points, 1);
+            }), 1);
         EXPECT_EQ(zel_data_unqueue(&q, &d[1]), &d[1]);
     }
     EXPECT_EQ(zel_data_dequeue(&q), &d[0]);
@@ -108,14 +104,12 @@ TEST_F(Sweep, ListsNamedCreateAndAutomaticElements)
     }
     list_header *autol = zel_list_create(nullptr, 0, nullptr, LIST_FLAGS_AUTOMATIC);
     ASSERT_TRUE(autol && list_enqueue(autol, nullptr, &d[0]));
-    const int points = sweep(
-        "automatic list element", [&] { return list_requeue(autol, nullptr, &d[1]); },
-        [&](bool failed, boolean ok) {
-            EXPECT_EQ(!ok, failed);
-            EXPECT_EQ(autol->count, failed ? 1u : 2u);
-            EXPECT_EQ(autol->head->data, failed ? &d[0] : &d[1]);
-        });
-    EXPECT_EQ(points, 1);
+    EXPECT_EQ(sweep("automatic list element", [&] { return list_requeue(autol, nullptr, &d[1]); },
+                    [&](bool failed, boolean ok) {
+                        EXPECT_TRUE(!ok == failed && autol->count == (failed ? 1u : 2u));
+                        EXPECT_EQ(autol->head->data, failed ? &d[0] : &d[1]);
+                    }),
+              1);
     EXPECT_TRUE(list_dequeue(autol) == &d[1] && list_dequeue(autol) == &d[0] && !autol->head);
     zel_list_destroy(autol);
     EXPECT_EQ(zel_list_get_listQ()->count, registered);
@@ -127,8 +121,7 @@ TEST_F(Sweep, IdManagerTableCreateGetAndReserve)
     sweep(
         "id table create", [&] { return zel_id_create_new_table(2, 4, const_cast<char *>("owner")); },
         [&](bool failed, id_table_key_t key) {
-            EXPECT_EQ(key == ID_MGR_NO_TABLE_KEY, failed);
-            k = key;
+            EXPECT_EQ((k = key) == ID_MGR_NO_TABLE_KEY, failed);
             EXPECT_EQ(has_line("%IDMGR-3-MALLOC_FAILURE:Malloc failure - id_manager_module_init"), failed);
         });
     ASSERT_NE(k, ID_MGR_NO_TABLE_KEY);
@@ -136,9 +129,8 @@ TEST_F(Sweep, IdManagerTableCreateGetAndReserve)
     sweep(
         "id get", [&] { return zel_id_get(&d[0], k); },
         [&](bool failed, idmgr_id_t id) {
-            EXPECT_EQ(id == 0, failed);
+            EXPECT_EQ((got = id) == 0, failed);
             EXPECT_EQ(has_line("%IDMGR-3-MALLOC_FAILURE:Malloc failure - id_get"), failed);
-            got = id;
         });
     id_mgr_ret rc;
     const idmgr_id_t want = (1u << 16) + 1; // entry 0 of slot 1, which is not allocated yet
@@ -186,10 +178,9 @@ TEST_F(Sweep, StringDatabaseAddRegisterSetBlockAndGrowth)
         sweep(
             "sdb add", [&] { return add("shared", &obj.sdb_handle, who, &obj); },
             [&](bool failed, boolean ok) {
-                EXPECT_EQ(!ok, failed);
                 expect_sdb_consistent();
                 // The owner's add shares the text the anonymous one stored.
-                EXPECT_EQ(sdb_number_strings, before + (failed || who != SDB_NO_OWNER ? 0 : 1));
+                EXPECT_TRUE(!ok == failed && sdb_number_strings == before + (failed || who != SDB_NO_OWNER ? 0 : 1));
             });
     }
     EXPECT_TRUE(sdb_remove_string(obj.sdb_handle, &obj));

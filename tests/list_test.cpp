@@ -78,13 +78,10 @@ struct List : ::testing::Test {
 
 } // namespace
 
+// (A failed allocation is swept in alloc_sweep_test.)
 TEST_F(List, FailedCreateReleasesTheHeaderItAllocated)
 {
     size_t before = heap_in_use();
-    allocfail::fail_all();
-    list_header *none = zel_list_create(nullptr, 0, "x", 0);
-    allocfail::reset();
-    EXPECT_EQ(none, nullptr);
     auto *q = const_cast<list_header *>(zel_list_get_listQ());
     q->maximum = 1; // a full registry refuses the next registration
     list_header *first = zel_list_create(nullptr, 0, "first", 0), mine;

@@ -1,8 +1,10 @@
 // The OS layer: heap pass-through, thread creation and exit through the
-// platform, and the clock tick rate.
+// platform, the wait for system start-up and the clock tick rate.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <malloc.h>
 #include <pthread.h>
 
@@ -24,6 +26,33 @@ static long clk_tck = -2;
 extern "C" __attribute__((no_sanitize("address", "thread", "undefined"))) long sysconf(int name) noexcept
 {
     return name == _SC_CLK_TCK && clk_tck != -2 ? clk_tck : libc_sysconf(name);
+}
+
+// nanosleep, interposed the same way: while `asked` is set, each sleep's seconds
+// are recorded, the first sleep is cut short by a signal 15 s in, the second
+// is whole (errno untouched, as by the system) and any later one ends with errno 0.
+extern "C" int libc_nanosleep(const timespec *req, timespec *rem) __asm__("__nanosleep");
+static std::vector<long> *asked;
+
+extern "C" int nanosleep(const timespec *req, timespec *rem)
+{
+    if (!asked)
+        return libc_nanosleep(req, rem);
+    asked->push_back(req->tv_sec);
+    const size_t call = asked->size();
+    if (call == 1)
+        *rem = {req->tv_sec - 15, 0};
+    errno = call == 1 ? EINTR : call == 2 ? errno : 0;
+    return call == 1 ? -1 : 0;
+}
+
+TEST(XosProcess, WaitOnSystemInitSleepsTwentySecondsThroughSignals)
+{
+    std::vector<long> sleeps;
+    asked = &sleeps;
+    xos_process_wait_on_system_init();
+    asked = nullptr;
+    EXPECT_EQ(sleeps, (std::vector<long>{20, 5}));
 }
 
 TEST(XosMemory, PlainZeroFilledHeapBlocksAndReallocKeepsTheOldOnFailure)

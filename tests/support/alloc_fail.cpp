@@ -18,15 +18,10 @@
 
 namespace {
 
-using malloc_fn = void *(*)(size_t);
-using calloc_fn = void *(*)(size_t, size_t);
-using realloc_fn = void *(*)(void *, size_t);
-using free_fn = void (*)(void *);
-
-malloc_fn real_malloc;
-calloc_fn real_calloc;
-realloc_fn real_realloc;
-free_fn real_free;
+void *(*real_malloc)(size_t);
+void *(*real_calloc)(size_t, size_t);
+void *(*real_realloc)(void *, size_t);
+void (*real_free)(void *);
 
 // 0: off; 1: counting, fail when `remaining` reaches 0 (one-shot); 2: fail
 // all; 3: counting only.
@@ -66,10 +61,10 @@ VOBREL_NO_SANITIZE bool resolved()
 // Runs before main, after the sanitizer runtimes have initialised.
 __attribute__((constructor(101))) VOBREL_NO_SANITIZE void resolve()
 {
-    real_malloc = reinterpret_cast<malloc_fn>(dlsym(RTLD_NEXT, "malloc"));
-    real_calloc = reinterpret_cast<calloc_fn>(dlsym(RTLD_NEXT, "calloc"));
-    real_realloc = reinterpret_cast<realloc_fn>(dlsym(RTLD_NEXT, "realloc"));
-    __atomic_store_n(&real_free, reinterpret_cast<free_fn>(dlsym(RTLD_NEXT, "free")), __ATOMIC_RELEASE);
+    real_malloc = reinterpret_cast<decltype(real_malloc)>(dlsym(RTLD_NEXT, "malloc"));
+    real_calloc = reinterpret_cast<decltype(real_calloc)>(dlsym(RTLD_NEXT, "calloc"));
+    real_realloc = reinterpret_cast<decltype(real_realloc)>(dlsym(RTLD_NEXT, "realloc"));
+    __atomic_store_n(&real_free, reinterpret_cast<decltype(real_free)>(dlsym(RTLD_NEXT, "free")), __ATOMIC_RELEASE);
 }
 
 // True, with errno set, when this allocation is to fail.
@@ -129,38 +124,31 @@ extern "C" VOBREL_NO_SANITIZE void free(void *p)
     real_free(p);
 }
 
+namespace {
+
+// Counting starts afresh in mode m (see `mode`).
+void arm(int m, int fail_after = 0)
+{
+    __atomic_store_n(&seen, 0, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&remaining, fail_after, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&mode, m, __ATOMIC_SEQ_CST);
+}
+
+} // namespace
+
 namespace allocfail {
 
 Suspend::Suspend() { ++suspended; }
 Suspend::~Suspend() { --suspended; }
 
-void fail_nth(int n)
-{
-    __atomic_store_n(&seen, 0, __ATOMIC_SEQ_CST);
-    __atomic_store_n(&remaining, n, __ATOMIC_SEQ_CST);
-    __atomic_store_n(&mode, 1, __ATOMIC_SEQ_CST);
-}
+void fail_nth(int n) { arm(1, n); }
 
-void fail_all()
-{
-    __atomic_store_n(&seen, 0, __ATOMIC_SEQ_CST);
-    __atomic_store_n(&mode, 2, __ATOMIC_SEQ_CST);
-}
+void fail_all() { arm(2); }
 
-void reset()
-{
-    __atomic_store_n(&mode, 0, __ATOMIC_SEQ_CST);
-}
+void reset() { __atomic_store_n(&mode, 0, __ATOMIC_SEQ_CST); }
 
-int count()
-{
-    return __atomic_load_n(&seen, __ATOMIC_SEQ_CST);
-}
+int count() { return __atomic_load_n(&seen, __ATOMIC_SEQ_CST); }
 
-void count_from_now()
-{
-    __atomic_store_n(&seen, 0, __ATOMIC_SEQ_CST);
-    __atomic_store_n(&mode, 3, __ATOMIC_SEQ_CST);
-}
+void count_from_now() { arm(3); }
 
 } // namespace allocfail

@@ -31,6 +31,18 @@ std::string g_dir;
 std::string g_store_path;
 void (*g_store_hook)();
 
+template <class T, class V> void locked_set(T &var, const V &v)
+{
+    std::lock_guard<std::mutex> g(mu);
+    var = v;
+}
+
+template <class T> T locked_get(const T &var)
+{
+    std::lock_guard<std::mutex> g(mu);
+    return var;
+}
+
 // Default size limit: large enough that ordinary tests never wrap.
 constexpr int kDefaultLimit = 4 * 1024 * 1024;
 
@@ -55,11 +67,9 @@ std::string dir_locked()
     if (g_dir.empty()) {
         const char *base = getenv("TMPDIR");
         std::string tmpl = std::string(base && *base ? base : "/tmp") + "/vobrel-test-XXXXXX";
-        std::vector<char> buf(tmpl.begin(), tmpl.end());
-        buf.push_back('\0');
-        if (!mkdtemp(buf.data()))
+        if (!mkdtemp(tmpl.data()))
             abort();
-        g_dir = buf.data();
+        g_dir = tmpl;
         g_dir_owner = getpid();
         atexit(remove_dir);
     }
@@ -74,15 +84,9 @@ int vobrel_xos_thread_create(pthread_t *thread_id, const pthread_attr_t *attr, v
                              void *arg, const char *name, int flags)
 {
     allocfail::Suspend quiet;
-    int rc;
-    {
-        std::lock_guard<std::mutex> g(mu);
-        g_last_thread = {attr == nullptr, name ? name : "", flags, arg};
-        rc = g_thread_rc;
-    }
-    if (rc != 0)
-        return rc;
-    return pthread_create(thread_id, attr, start_routine, arg);
+    locked_set(g_last_thread, fake::ThreadCreateCall{attr == nullptr, name ? name : "", flags, arg});
+    const int rc = locked_get(g_thread_rc);
+    return rc != 0 ? rc : pthread_create(thread_id, attr, start_routine, arg);
 }
 
 void vobrel_xos_thread_exit(void *retval)
@@ -107,12 +111,7 @@ void vobrel_platform_buginf(const char *text)
 vobrel_platform_status_type vobrel_platform_get_log_store_path(int *path_len, char *path, int *file_size)
 {
     allocfail::Suspend quiet;
-    void (*hook)();
-    {
-        std::lock_guard<std::mutex> g(mu);
-        hook = g_store_hook;
-    }
-    if (hook)
+    if (void (*hook)() = locked_get(g_store_hook))
         hook();
     std::lock_guard<std::mutex> g(mu);
     ++g_store_calls;
@@ -135,18 +134,6 @@ vobrel_platform_status_type vobrel_platform_get_log_store_path(int *path_len, ch
 
 namespace fake {
 
-template <class T, class V> void locked_set(T &var, const V &v)
-{
-    std::lock_guard<std::mutex> g(mu);
-    var = v;
-}
-
-template <class T> T locked_get(const T &var)
-{
-    std::lock_guard<std::mutex> g(mu);
-    return var;
-}
-
 std::vector<SyslogLine> syslog_lines() { return locked_get(g_syslog); }
 
 std::vector<std::string> buginf_texts() { return locked_get(g_buginf); }
@@ -160,12 +147,10 @@ void clear_recordings()
 
 std::vector<std::string> take_syslog_texts()
 {
-    std::lock_guard<std::mutex> g(mu);
     std::vector<std::string> out;
-    for (const auto &l : g_syslog)
+    for (const auto &l : syslog_lines())
         out.push_back(l.line);
-    g_syslog.clear();
-    g_buginf.clear();
+    clear_recordings();
     return out;
 }
 
@@ -251,14 +236,8 @@ std::pair<int, int> header_fields()
 
 } // namespace
 
-int log_header_pos()
-{
-    return header_fields().first;
-}
+int log_header_pos() { return header_fields().first; }
 
-int log_header_number()
-{
-    return header_fields().second;
-}
+int log_header_number() { return header_fields().second; }
 
 } // namespace fake
