@@ -68,4 +68,5 @@ TEST(Split, TokensCutsAndFailures)
     EXPECT_EQ(vobrel_parse_delim_buffer(buf, 3, delim, &strings, nullptr), VOBREL_INVALID_ARGS);
     EXPECT_TRUE(!strings && n == 77 && !strcmp(buf, "a,b"));
     EXPECT_EQ(check_strlen("abc", SIZE_MAX), 0); // compared unsigned
+    EXPECT_EQ(check_strlen(nullptr, 0), 0);        // no text is longer than anything
 }
