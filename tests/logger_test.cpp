@@ -24,7 +24,6 @@
 #include "common/src/vobrel_logger_private.h"
 #include "support/alloc_fail.h"
 #include "support/fake_platform.h"
-#include "tools/logread/logread.h"
 
 using vobrel::detail::vob_mk_time_str;
 
@@ -358,10 +357,13 @@ TEST(LogFile, KilledWritersAlwaysLeaveAHeaderThatAgreesWithTheRecords)
         const std::string s = fake::read_log();
         if (s.size() < 16 || fake::log_header_pos() == 16)
             continue; // killed before or while it created the file, or before it wrote
-        logread::Log log; // its last item, the newest, ends at the header's position
-        ASSERT_EQ(logread::parse(s, log), logread::Status::Ok) << k;
-        ASSERT_EQ(s.compare(static_cast<size_t>(log.header_position) - 3, 3, "END"), 0) << k << ": header at " << log.header_position;
-        ASSERT_TRUE(log.items.back().kind == logread::Kind::Record && log.items.back().number == log.header_number) << k;
+        // The record ending at the header's position carries its number. The
+        // rest need not parse: a writer killed while it wrote a wrap's banner
+        // leaves part of it at byte 16, before the header moves.
+        const size_t pos = static_cast<size_t>(fake::log_header_pos()), open = s.rfind("]{", pos);
+        ASSERT_TRUE(pos <= s.size() && s.compare(pos - 3, 3, "END") == 0) << k << ": header at " << pos;
+        ASSERT_NE(open, std::string::npos) << k;
+        EXPECT_EQ(strtol(s.c_str() + s.rfind('[', open) + 1, nullptr, 10), fake::log_header_number()) << k;
     }
 }
 
