@@ -209,8 +209,8 @@ TEST(LogFile, WrapsAtTheLimitOrPastEightDigitNumbers)
             for (const fake::LogRecord &r : fake::log_records())
                 numbers.push_back(r.number);
             numbers.resize(c.numbers.size(), -1);
-            return s.compare(16, banner.size(), banner) == 0 && numbers == c.numbers && fake::log_messages()[0].starts_with(m) &&
-                   s.size() == before.size() && s.substr(pos) == before.substr(pos);
+            return s.compare(16, banner.size(), banner) == 0 && numbers == c.numbers &&
+                   fake::log_messages()[0].starts_with(m) && s.size() == before.size() && s.substr(pos) == before.substr(pos);
         })) << c.banner;
 }
 
@@ -342,7 +342,8 @@ TEST(LogFile, KilledWritersAlwaysLeaveAHeaderThatAgreesWithTheRecords)
             for (int t = 0; t < 4; ++t)
                 std::thread([t, k] {
                     for (int i = 0;; ++i)
-                        vobrel_write_to_log(nullptr, 0, "s%d-t%d-%d-%.*sEND", k, t, i, (i * 7 + t) % 40, "xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx");
+                        vobrel_write_to_log(nullptr, 0, "s%d-t%d-%d-%.*sEND", k, t, i, (i * 7 + t) % 40,
+                                            "xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx");
                 }).detach();
             for (;;)
                 pause();

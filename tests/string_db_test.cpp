@@ -124,6 +124,7 @@ TEST(StringDbSharing, SetBlockReplacingALastReferenceDoesNotGrowTheTable)
         std::string t = "new" + std::to_string(i);
         ASSERT_TRUE(sdb_set_block(t.c_str(), static_cast<int>(t.size()), SDB_BINARY_STRING, &h[0]));
     }
-    EXPECT_TRUE(sdb_hash_table_size == 256u && sdb_hash_mask == 255u && sdb_number_strings == 1280u && sdb_maximum_sharing_count == 1u);
+    EXPECT_TRUE(sdb_hash_table_size == 256u && sdb_hash_mask == 255u && sdb_number_strings == 1280u &&
+                sdb_maximum_sharing_count == 1u);
     expect_consistent();
 }

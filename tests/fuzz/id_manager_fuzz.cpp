@@ -50,7 +50,8 @@ void add_slot(Table &t, unsigned key, unsigned slot, int seq, const unsigned *sk
 {
     t.s[slot].resize(t.per);
     for (unsigned i = 0; i < t.per; ++i) {
-        t.s[slot][i] = {false, uint8_t(seq >= 0 ? seq : t.norand ? 0 : zel_g_id_manager_table[key][slot][i].tableSequence), nullptr};
+        const int drawn = seq >= 0 ? seq : t.norand ? 0 : zel_g_id_manager_table[key][slot][i].tableSequence;
+        t.s[slot][i] = {false, uint8_t(drawn), nullptr};
         if (!skip || *skip != i)
             t.freeq.push_back({slot, i});
     }
