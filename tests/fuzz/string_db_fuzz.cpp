@@ -97,7 +97,9 @@ void add(Model &m, fz::Ops &in, const std::string &b, int len, int type)
 {
     unsigned who = in.pick(4);
     Obj *obj = &m.objs[in.pick(6)];
-    unsigned id = who < m.comps.size() ? m.comps[who].id : 0xFFFF;
+    // Not a component: the anonymous id, or the lowest id never handed out.
+    const unsigned never = static_cast<unsigned>(m.used_id.size());
+    unsigned id = who < m.comps.size() ? m.comps[who].id : who == 3 ? never : 0xFFFF;
     sdb_handle h = 7;
     bool ok = sdb_add_string(b.c_str(), len, static_cast<sdb_string_types>(type), &h, static_cast<ushort>(id), obj);
     require(ok == add_model(m, b, len, type, id, obj, h));
