@@ -113,6 +113,15 @@ TEST(LogFile, ReopenCarriesOnFromTheHeaderOrRestartsAtSixteen)
             return s.substr(c.banner_at, strlen(kBanner)) == kBanner && recs.size() == 1 && recs[0].number == c.number &&
                    s.size() == std::max(c.bytes.size(), end) && fake::log_header_pos() == static_cast<int>(end);
         })) << "case " << &c - cases;
+    // The last byte before the limit is still a position: the banner goes
+    // there, and the record, past the limit, wraps.
+    EXPECT_TRUE(in_child([] {
+        std::ofstream(fake::log_path(), std::ios::binary) << "    3999       2" + std::string(3984, 'z');
+        vobrel_write_to_log(nullptr, 0, "r");
+        const auto recs = fake::log_records();
+        return fake::read_log().compare(3999, strlen(kBanner), kBanner) == 0 && recs.size() == 1 &&
+               recs[0].number == 0;
+    }));
 }
 
 // What a neighbour may put at the log's path in a directory that others may
