@@ -122,6 +122,12 @@ TEST(LogFile, ReopenCarriesOnFromTheHeaderOrRestartsAtSixteen)
         return fake::read_log().compare(3999, strlen(kBanner), kBanner) == 0 && recs.size() == 1 &&
                recs[0].number == 0;
     }));
+    // A limit of one byte is still a limit: each record follows a wrap.
+    EXPECT_TRUE(in_child([] {
+        fake::set_log_file_size(1);
+        vobrel_write_to_log(nullptr, 0, "tiny");
+        return fake::log_messages() == Lines{"tiny"};
+    }));
 }
 
 // What a neighbour may put at the log's path in a directory that others may
