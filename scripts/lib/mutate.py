@@ -190,6 +190,13 @@ def todo(args):
             print('\t'.join([str(i), m['key'], m['file'], str(m['line']), m['desc'].replace('\t', ' ')]))
 
 
+def forget_survivors(args):
+    """Drops the survivors' results, so that a resumed run tries them again."""
+    kept = [r for r in load(args.results) if r['status'] != 'survived']
+    with open(args.results, 'w') as f:
+        f.writelines(json.dumps(r) + '\n' for r in kept)
+
+
 def report(args):
     muts = {m['key']: m for m in load(args.mutants)}
     # Judged equivalent since the run: skipped in its report too.
@@ -271,8 +278,10 @@ def main():
     u.add_argument('mutants'), u.add_argument('results'), u.add_argument('equivalent')
     t = sub.add_parser('todo')
     t.add_argument('mutants'), t.add_argument('results')
+    sub.add_parser('forget-survivors').add_argument('results')
     args = p.parse_args()
-    {'gen': gen, 'subset': subset, 'apply': apply, 'todo': todo, 'report': report}[args.cmd](args)
+    {'gen': gen, 'subset': subset, 'apply': apply, 'todo': todo, 'report': report,
+     'forget-survivors': forget_survivors}[args.cmd](args)
 
 
 if __name__ == '__main__':
