@@ -175,7 +175,7 @@ def apply(args):
 
 
 def subset(args):
-    done = {r['key'] for r in load(args.results)}
+    done = {r['key'] for r in load(args.results) if args.caught is False or r['status'] == 'caught'}
     eq = read_equivalent(args.equivalent)
     for m in load(args.mutants):
         if m['key'] in done or m['key'] in eq:
@@ -276,6 +276,7 @@ def main():
     r.add_argument('mutants'), r.add_argument('results'), r.add_argument('common', nargs='?')
     u = sub.add_parser('subset')
     u.add_argument('mutants'), u.add_argument('results'), u.add_argument('equivalent')
+    u.add_argument('--caught', action='store_true', help='only the mutants the run caught')
     t = sub.add_parser('todo')
     t.add_argument('mutants'), t.add_argument('results')
     sub.add_parser('forget-survivors').add_argument('results')
