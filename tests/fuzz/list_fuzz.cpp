@@ -5,6 +5,8 @@
 // of the pool records that carry them. The registry holds the named lists in
 // creation order.
 #include <algorithm>
+#include <cstdint>
+#include <cstring>
 #include <deque>
 
 #include <vobrel/list.h>
@@ -199,8 +201,11 @@ void step(Model &m, fz::Ops &in)
             move(m, i, e);
         break;
     default:
-        if (in.flag() && m.where[e] == i) { // excise a plain record as if its links were lost
+        if (in.flag() && m.where[e] == i) { // excise a plain record whose links are lost: never followed nor written
+            m.pool[e].next = m.pool[e].prev = reinterpret_cast<list_element *>(uintptr_t{0x10});
+            const list_element lost = m.pool[e];
             zel_list_excise(l.h, &m.pool[e]);
+            require(memcmp(&lost, &m.pool[e], sizeof lost) == 0);
             take_at(m, l, fz::index_of(l.elems, e));
             m.pool[e] = {};
         } else {
